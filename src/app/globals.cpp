@@ -1,0 +1,6 @@
+#include "app/globals.h"
+
+CRPServer* g_pServer = nullptr;
+CRPManager* g_pMgr = nullptr;
+bool g_bRun = false;
+bool g_nNoConnect = false;
