@@ -1,0 +1,112 @@
+// Processes the integration tests run against: a private jackd with the
+// dummy backend, and the zor_play binary with its output captured.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "harness/protocol_client.h"
+
+// A child process with its standard output and standard error captured.
+class ChildProcess {
+public:
+    ChildProcess() = default;
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    // argv[0] is the program path; env entries ("NAME=value") are added to ours.
+    bool Start(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
+    bool Running() const { return m_Pid > 0; }
+    pid_t Pid() const { return m_Pid; }
+    void Signal(int sig);
+    // Exit status (0-255), 128+signal when killed, -1 on timeout (still running).
+    int WaitExit(int timeoutMs);
+    // SIGTERM, then SIGKILL if it does not go within timeoutMs; the exit status.
+    int Terminate(int timeoutMs = 5000);
+
+    std::string Output() const;
+    std::string ErrorOutput() const;
+    bool WaitForOutput(const std::string& text, int timeoutMs) const;
+    // Output written after a mark taken with OutputSize().
+    size_t OutputSize() const;
+    std::string OutputSince(size_t mark) const;
+
+protected:
+    pid_t m_Pid = -1;
+
+private:
+    void ReadLoop(int outFD, int errFD);
+
+    int m_nExitStatus = -1;
+    std::thread m_Reader;
+    mutable std::mutex m_Lock;
+    std::string m_Out;
+    std::string m_Err;
+};
+
+// jackd -n <unique name> -d dummy -r 48000 -p 1024 -C 8 -P 8
+class JackServer {
+public:
+    ~JackServer() { Stop(); }
+    bool Start();
+    void Stop();
+    bool Running() const { return m_Process.Running(); }
+    const std::string& Name() const { return m_Name; }
+
+private:
+    ChildProcess m_Process;
+    std::string m_Name;
+};
+
+// The zor_play binary named by ZOR_PLAY_BIN, talking to one JACK server.
+class ZorPlayProcess : public ChildProcess {
+public:
+    static std::string BinaryPath();
+    bool Start(const std::vector<std::string>& args, const std::string& jackServerName);
+    // SIGINT at the main loop's wait, then the exit status (SIGKILL and -1
+    // when it does not exit).
+    int Stop(int timeoutMs = 10000);
+    // True once the process sleeps in its main loop's wait (read from /proc).
+    bool WaitUntilIdle(int timeoutMs) const;
+};
+
+// Polls cond every 10 ms until it holds or the deadline passes.
+template <typename Cond>
+bool WaitUntil(Cond cond, int timeoutMs)
+{
+    for (int waited = 0;; waited += 10) {
+        if (cond())
+            return true;
+        if (waited >= timeoutMs)
+            return false;
+        usleep(10000);
+    }
+}
+
+bool FileExists(const std::string& path);
+
+// One JACK server for the whole suite; one zor_play and one bound client per
+// test. Suites override ServerArgs() to pass options.
+class ServerTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite();
+    static void TearDownTestSuite();
+    void SetUp() override;
+    void TearDown() override;
+    virtual std::vector<std::string> ServerArgs() { return {}; }
+
+    // Starts the server and waits until it answers a Hello.
+    void StartServer(const std::vector<std::string>& args);
+
+    static std::unique_ptr<JackServer> s_pJack;
+    ZorPlayProcess m_Server;
+    ProtocolClient m_Client;
+};
