@@ -1,0 +1,25 @@
+# Shared by the scripts in this folder (sourced, not run).
+
+ZP_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+ZP_JOBS=$(nproc 2>/dev/null || echo 2)
+
+# Each module opens a queue 200 messages deep; the kernel's default limit is 10.
+zp_raise_queue_depth() {
+  local want=256 have
+  have=$(cat /proc/sys/fs/mqueue/msg_max 2>/dev/null || echo 0)
+  [ "$have" -ge "$want" ] && return 0
+  if [ -w /proc/sys/fs/mqueue/msg_max ]; then
+    echo "$want" > /proc/sys/fs/mqueue/msg_max
+  elif command -v sudo >/dev/null && sudo -n true 2>/dev/null; then
+    echo "$want" | sudo tee /proc/sys/fs/mqueue/msg_max >/dev/null
+  else
+    echo "warning: /proc/sys/fs/mqueue/msg_max is $have; modules need 200 (run as root:" \
+         "echo $want > /proc/sys/fs/mqueue/msg_max)" >&2
+  fi
+}
+
+# zp_build NAME SANITIZER: configures and builds into build/NAME.
+zp_build() {
+  cmake -S "$ZP_ROOT" -B "$ZP_ROOT/build/$1" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZP_SANITIZER="$2" >/dev/null
+  cmake --build "$ZP_ROOT/build/$1" -j "$ZP_JOBS"
+}
