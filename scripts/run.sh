@@ -17,7 +17,7 @@ if ! jack_wait -s "$server_name" -c 2>/dev/null | grep -qx running; then
   jackd -n "$server_name" -d dummy -r 48000 -p 1024 -C 8 -P 8 >"$ZP_ROOT/build/jackd.log" 2>&1 &
   jack_pid=$!
   trap '[ -n "$jack_pid" ] && kill "$jack_pid" 2>/dev/null; wait 2>/dev/null || true' EXIT
-  jack_wait -s "$server_name" -w -t 10 >/dev/null
+  jack_wait -s "$server_name" -w -t 10 >/dev/null 2>&1
 fi
 
 export JACK_DEFAULT_SERVER="$server_name"
