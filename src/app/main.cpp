@@ -13,6 +13,7 @@
 #include "app/globals.h"
 #include "app/info_files.h"
 #include "app/logging.h"
+#include "console/menu.h"
 #include "modules/queue_sizes.h"
 #include "manager/manager.h"
 #include "protocol/rp_server.h"
@@ -217,13 +218,18 @@ int main(int argc, char** argv)
     g_pMgr = new CRPManager(g_pServer);
     g_pServer->CreateTimerFD();
     int timerFD = g_pServer->GetTimerFD();
-    (void)opts.bEcho; // used by the console
+    menu* console = nullptr;
+    if (opts.bInteractive) {
+        console = new menu();
+        console->SetEcho(opts.bEcho);
+    }
 
     g_bRun = true;
     RunMainLoop(socketFD, timerFD, opts.bReportStatus);
 
-    // The manager goes first: module workers send through the server until
-    // they are joined.
+    delete console;
+    // The manager goes before the server: module workers send through the
+    // server until they are joined.
     delete g_pMgr;
     g_pMgr = nullptr;
     delete g_pServer;

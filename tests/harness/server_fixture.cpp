@@ -36,14 +36,16 @@ bool FileExists(const std::string& path)
 
 ChildProcess::~ChildProcess()
 {
+    CloseInput();
     if (m_Pid > 0)
         Terminate(2000);
     if (m_Reader.joinable())
         m_Reader.join();
 }
 
-bool ChildProcess::Start(const std::vector<std::string>& argv, const std::vector<std::string>& env)
+bool ChildProcess::Start(const std::vector<std::string>& argv, const std::vector<std::string>& env, bool pipeInput)
 {
+    CloseInput();
     if (m_Reader.joinable())
         m_Reader.join();
     {
@@ -76,12 +78,15 @@ bool ChildProcess::Start(const std::vector<std::string>& argv, const std::vector
         close(outPipe[1]);
         return false;
     }
+    int inPipe[2] = {-1, -1};
+    if (pipeInput && pipe2(inPipe, O_CLOEXEC) != 0)
+        return false;
     pid_t pid = fork();
     if (pid < 0)
         return false;
     if (pid == 0) {
-        int devNull = open("/dev/null", O_RDONLY);
-        dup2(devNull, 0);
+        int input = pipeInput ? inPipe[0] : open("/dev/null", O_RDONLY);
+        dup2(input, 0);
         dup2(outPipe[1], 1);
         dup2(errPipe[1], 2);
         // A fresh process group: a SIGINT typed at the test's terminal does not reach it.
@@ -91,6 +96,10 @@ bool ChildProcess::Start(const std::vector<std::string>& argv, const std::vector
     }
     close(outPipe[1]);
     close(errPipe[1]);
+    if (pipeInput) {
+        close(inPipe[0]);
+        m_nInputFD = inPipe[1];
+    }
     m_Pid = pid;
     m_Reader = std::thread(&ChildProcess::ReadLoop, this, outPipe[0], errPipe[0]);
     return true;
@@ -124,6 +133,27 @@ void ChildProcess::ReadLoop(int outFD, int errFD)
     for (pollfd& p : fds)
         if (p.fd >= 0)
             close(p.fd);
+}
+
+bool ChildProcess::WriteInput(const std::string& text)
+{
+    signal(SIGPIPE, SIG_IGN); // a child that has gone shows as a failed write
+    size_t done = 0;
+    while (m_nInputFD >= 0 && done < text.size()) {
+        ssize_t n = write(m_nInputFD, text.data() + done, text.size() - done);
+        if (n <= 0)
+            return false;
+        done += static_cast<size_t>(n);
+    }
+    return done == text.size();
+}
+
+void ChildProcess::CloseInput()
+{
+    if (m_nInputFD >= 0) {
+        close(m_nInputFD);
+        m_nInputFD = -1;
+    }
 }
 
 void ChildProcess::Signal(int sig)
@@ -229,7 +259,7 @@ std::string ZorPlayProcess::BinaryPath()
     return dir.substr(0, dir.rfind('/')) + "/zor_play";
 }
 
-bool ZorPlayProcess::Start(const std::vector<std::string>& args, const std::string& jackServerName)
+bool ZorPlayProcess::Start(const std::vector<std::string>& args, const std::string& jackServerName, bool pipeInput)
 {
     std::vector<std::string> argv{BinaryPath()};
     argv.insert(argv.end(), args.begin(), args.end());
@@ -238,7 +268,7 @@ bool ZorPlayProcess::Start(const std::vector<std::string>& args, const std::stri
         env.push_back("JACK_DEFAULT_SERVER=" + jackServerName);
     // Keep libjack from starting a server of its own when ours is down.
     env.push_back("JACK_NO_START_SERVER=1");
-    return ChildProcess::Start(argv, env);
+    return ChildProcess::Start(argv, env, pipeInput);
 }
 
 bool ZorPlayProcess::WaitUntilIdle(int timeoutMs) const

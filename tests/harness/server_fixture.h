@@ -23,7 +23,11 @@ public:
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     // argv[0] is the program path; env entries ("NAME=value") are added to ours.
-    bool Start(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
+    // Standard input is /dev/null unless pipeInput, when WriteInput feeds it.
+    bool Start(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
+               bool pipeInput = false);
+    bool WriteInput(const std::string& text);
+    void CloseInput();
     bool Running() const { return m_Pid > 0; }
     pid_t Pid() const { return m_Pid; }
     void Signal(int sig);
@@ -41,6 +45,7 @@ public:
 
 protected:
     pid_t m_Pid = -1;
+    int m_nInputFD = -1;
 
 private:
     void ReadLoop(int outFD, int errFD);
@@ -70,7 +75,7 @@ private:
 class ZorPlayProcess : public ChildProcess {
 public:
     static std::string BinaryPath();
-    bool Start(const std::vector<std::string>& args, const std::string& jackServerName);
+    bool Start(const std::vector<std::string>& args, const std::string& jackServerName, bool pipeInput = false);
     // SIGINT at the main loop's wait, then the exit status (SIGKILL and -1
     // when it does not exit).
     int Stop(int timeoutMs = 10000);
