@@ -114,9 +114,9 @@ void CRPServer::CreateTimerFD()
     m_nTimerFD = timerfd_create(CLOCK_MONOTONIC, 0);
     if (fcntl(m_nTimerFD, F_SETFL, O_NONBLOCK) != 0)
         printf("Failed to set timerfd to non blocking mode: %s\r\n", strerror(errno));
-    itimerspec spec{};
-    spec.it_value.tv_sec = 1;
-    spec.it_interval.tv_sec = 1;
-    if (timerfd_settime(m_nTimerFD, 0, &spec, nullptr) != 0)
+    itimerspec period{};
+    period.it_value.tv_sec = 1;
+    period.it_interval.tv_sec = 1;
+    if (timerfd_settime(m_nTimerFD, 0, &period, nullptr) != 0)
         printf("Failed to set timerfd duration: %s\n", strerror(errno));
 }
