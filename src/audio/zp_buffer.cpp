@@ -1,0 +1,125 @@
+// Interleaved multichannel float ring buffer; see zp_buffer.h for the
+// threading contract.
+#include "audio/zp_buffer.h"
+
+#include <algorithm>
+#include <sys/mman.h>
+
+// A cursor must be one plain word on every target, ARMv7 included.
+static_assert(std::atomic<uint32_t>::is_always_lock_free, "32-bit atomics must be lock-free");
+
+CZPBuffer::CZPBuffer(unsigned channels, unsigned frames)
+    : m_nChannels(std::max(channels, 1u)),
+      m_nTotalSamples(m_nChannels * std::max(frames, 1u)),
+      m_nWriteIndex(0),
+      m_nReadIndex(0),
+      m_pData(new float[m_nTotalSamples]())
+{
+    // Best effort: beyond the locked-memory limit the buffer works unlocked.
+    (void)mlock(m_pData, sizeof(float) * m_nTotalSamples);
+}
+
+CZPBuffer::~CZPBuffer()
+{
+    munlock(m_pData, sizeof(float) * m_nTotalSamples);
+    delete[] m_pData;
+}
+
+void CZPBuffer::Reset()
+{
+    m_nWriteIndex.store(0, std::memory_order_release);
+    m_nReadIndex.store(0, std::memory_order_release);
+}
+
+uint32_t CZPBuffer::FreeSamples(uint32_t w, uint32_t r) const
+{
+    if (w < r)
+        return r - w;
+    if (w == r)
+        return m_nTotalSamples;
+    return m_nTotalSamples + r - w;
+}
+
+unsigned CZPBuffer::GetReadableFrames() const
+{
+    const uint32_t r = m_nReadIndex.load(std::memory_order_relaxed);
+    const uint32_t w = m_nWriteIndex.load(std::memory_order_acquire);
+    // A writer in the middle of a frame is truncated away: only whole frames count.
+    return ((w < r ? w + m_nTotalSamples : w) - r) / m_nChannels;
+}
+
+unsigned CZPBuffer::GetWritableFrames() const
+{
+    const uint32_t w = m_nWriteIndex.load(std::memory_order_relaxed);
+    const uint32_t r = m_nReadIndex.load(std::memory_order_acquire);
+    const uint32_t freeFrames = FreeSamples(w, r) / m_nChannels;
+    // The free count is at least one frame whenever callers keep the contract;
+    // the guard keeps a broken caller from being offered the whole address space.
+    return freeFrames;
+}
+
+unsigned CZPBuffer::GetTotalFrames() const
+{
+    return m_nTotalSamples / m_nChannels;
+}
+
+void CZPBuffer::GetReadInfo(CBufInfo& info) const
+{
+    const uint32_t r = m_nReadIndex.load(std::memory_order_relaxed);
+    const uint32_t w = m_nWriteIndex.load(std::memory_order_acquire);
+    if (r < w) {
+        info.m_pFirst = m_pData + r;
+        info.m_nFirstFrames = (w - r) / m_nChannels;
+        info.m_pSecond = nullptr;
+        info.m_nSecondFrames = 0;
+    } else if (w < r) {
+        info.m_pFirst = m_pData + r;
+        info.m_nFirstFrames = (m_nTotalSamples - r) / m_nChannels;
+        info.m_pSecond = m_pData;
+        info.m_nSecondFrames = w / m_nChannels;
+    } else {
+        info.m_pFirst = nullptr;
+        info.m_nFirstFrames = 0;
+        info.m_pSecond = nullptr;
+        info.m_nSecondFrames = 0;
+    }
+}
+
+void CZPBuffer::GetWriteInfo(CBufInfo& info) const
+{
+    const uint32_t w = m_nWriteIndex.load(std::memory_order_relaxed);
+    const uint32_t writable = GetWritableFrames() * m_nChannels;
+    uint32_t second = 0;
+    if (w + writable >= m_nTotalSamples)
+        second = w + writable - m_nTotalSamples;
+    info.m_pFirst = m_pData + w;
+    info.m_nFirstFrames = (writable - second) / m_nChannels;
+    info.m_pSecond = m_pData;
+    info.m_nSecondFrames = second / m_nChannels;
+}
+
+void CZPBuffer::ReadAdvance(unsigned frames)
+{
+    const uint32_t r = m_nReadIndex.load(std::memory_order_relaxed);
+    m_nReadIndex.store(Wrap(r, frames * m_nChannels), std::memory_order_release);
+}
+
+void CZPBuffer::WriteAdvance(unsigned frames)
+{
+    const uint32_t w = m_nWriteIndex.load(std::memory_order_relaxed);
+    m_nWriteIndex.store(Wrap(w, frames * m_nChannels), std::memory_order_release);
+}
+
+void CZPBuffer::StuffSilence(unsigned frames)
+{
+    CBufInfo info;
+    GetWriteInfo(info);
+    const unsigned first = std::min(frames, info.m_nFirstFrames);
+    std::fill_n(info.m_pFirst, first * m_nChannels, 0.0f);
+    WriteAdvance(first);
+    if (frames > info.m_nFirstFrames) {
+        const unsigned second = std::min(frames - info.m_nFirstFrames, info.m_nSecondFrames);
+        std::fill_n(info.m_pSecond, second * m_nChannels, 0.0f);
+        WriteAdvance(second);
+    }
+}
