@@ -1,0 +1,384 @@
+#include "files/playfile_handler.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "app/globals.h"
+#include "app/info_files.h"
+#include "app/logging.h"
+
+namespace {
+
+const char kNodeFailed[] = "File node couldn't be created - %s: empty path, file nonexistent, file empty?\r\n";
+
+} // namespace
+
+CPlayFileHandler::CPlayFileHandler(unsigned channels)
+    : m_nChannels(channels), m_nNextStageIndex(0), m_nReadingIndex(0), m_nPortPlayingIndex(0),
+      m_nNextCompletionIndex(0), m_pPlaylist(new CPlaylist), m_pFastWind(new CFastWindInfo)
+{
+    m_szPathScratch[0] = '\0';
+    for (unsigned i = 0; i < kPlaySlots; ++i)
+        m_pFiles[i] = new CPlayFile(channels, m_pFastWind);
+}
+
+CPlayFileHandler::~CPlayFileHandler()
+{
+    for (unsigned i = 0; i < kPlaySlots; ++i)
+        delete m_pFiles[i];
+    delete m_pPlaylist;
+    delete m_pFastWind;
+}
+
+bool CPlayFileHandler::IsRingFull() const
+{
+    return Next(m_nNextStageIndex.load(std::memory_order_relaxed)) ==
+           m_nNextCompletionIndex.load(std::memory_order_relaxed);
+}
+
+bool CPlayFileHandler::IsRingEmpty() const
+{
+    return m_nReadingIndex.load(std::memory_order_relaxed) == m_nNextStageIndex.load(std::memory_order_relaxed);
+}
+
+bool CPlayFileHandler::IsEmpty() const
+{
+    const unsigned stage = m_nNextStageIndex.load(std::memory_order_relaxed);
+    if (stage != m_nNextCompletionIndex.load(std::memory_order_relaxed))
+        return false;
+    for (unsigned i = 0; i < kPlaySlots; ++i)
+        if (m_pFiles[i]->GetFilename()[0] != '\0')
+            return false;
+    return true;
+}
+
+unsigned CPlayFileHandler::SlotsPortToStage() const
+{
+    return (m_nNextStageIndex.load(std::memory_order_relaxed) + kPlaySlots -
+            m_nPortPlayingIndex.load(std::memory_order_relaxed)) %
+           kPlaySlots;
+}
+
+bool CPlayFileHandler::PullPlaylistEntry(unsigned& index)
+{
+    return m_pPlaylist->GetNextPath(m_szPathScratch, index);
+}
+
+bool CPlayFileHandler::AddFileToArray(const char* name, unsigned listIndex)
+{
+    if (IsRingFull())
+        return false;
+    if (!DoesFileExist(name))
+        return false;
+    const unsigned stage = m_nNextStageIndex.load(std::memory_order_relaxed);
+    m_pFiles[stage]->SetFilename(name, listIndex);
+    m_nNextStageIndex.store(Next(stage), std::memory_order_release);
+    SerialLog(eLogFile, "Player added file to array: %.200s\r\n", name);
+    return true;
+}
+
+void CPlayFileHandler::StagePlaylistEntries(unsigned limitStage)
+{
+    while (!IsRingFull() && m_nNextStageIndex.load(std::memory_order_relaxed) != limitStage) {
+        SerialLog(eLogFile, "index: %d\r\n", static_cast<int>(m_nNextStageIndex.load(std::memory_order_relaxed)));
+        unsigned index = 0;
+        if (!PullPlaylistEntry(index))
+            break;
+        if (!AddFileToArray(m_szPathScratch, index))
+            printf(kNodeFailed, m_szPathScratch);
+    }
+}
+
+bool CPlayFileHandler::OpenFile()
+{
+    for (;;) {
+        if (IsRingEmpty())
+            return false;
+        const unsigned reading = m_nReadingIndex.load(std::memory_order_relaxed);
+        if (m_pFiles[reading]->OpenFile())
+            return true;
+        // Drop the failing file: every later staged name moves down a slot.
+        const unsigned stage = m_nNextStageIndex.load(std::memory_order_relaxed);
+        unsigned i = reading;
+        for (; Next(i) != stage; i = Next(i))
+            m_pFiles[i]->SetFilename(m_pFiles[Next(i)]->GetFilename(), m_pFiles[Next(i)]->GetListIndex());
+        m_pFiles[i]->SetFilename("", 0);
+        m_nNextStageIndex.store(Prev(stage), std::memory_order_release);
+        unsigned index = 0;
+        if (PullPlaylistEntry(index))
+            AddFileToArray(m_szPathScratch, index);
+    }
+}
+
+enumZorPlayResult CPlayFileHandler::AddSingleFile(structSetupPlayFile* setup)
+{
+    if (m_pPlaylist->IsActive()) {
+        puts("Using playlist - can't add manual files\r");
+        return eResultNotIdle;
+    }
+    const char* name = setup->szFilename;
+    if (setup->bSecondary) {
+        SerialLog(eLogFile, "Setting secondary names\r\n");
+        if (m_nNextStageIndex.load(std::memory_order_relaxed) == m_nPortPlayingIndex.load(std::memory_order_relaxed)) {
+            puts("Need primary files before secondary\r");
+            return eResultNeedPrimary;
+        }
+        if (IsRingFull() || !DoesFileExist(name)) {
+            printf("Secondary Stage of %s failed\r\n", name);
+            return eResultPathMissing;
+        }
+        AddFileToArray(name, 0);
+        SerialLog(eLogFile, "Secondary file staged: %s\r\n", name);
+        return eResultSuccess;
+    }
+    if (IsRingFull() || !DoesFileExist(name)) {
+        printf("Primary Stage of %s failed\r\n", name);
+        return eResultPathMissing;
+    }
+    AddFileToArray(name, 0);
+    SerialLog(eLogFile, "Primary file staged: %s\r\n", name);
+    return OpenFile() ? eResultSuccess : eResultCantOpenFile;
+}
+
+enumZorPlayResult CPlayFileHandler::AddPlaylist(structSetupPlaylist* setup)
+{
+    CRTGatePark park(m_Gate);
+    // Files still staged (a set-up arriving while playing) are cleared first,
+    // so that no slot keeps an open file the new playlist would reuse.
+    if (!IsEmpty() || m_pPlaylist->IsActive())
+        EndPlaylist();
+    char path[kPlaylistPathSize];
+    strscpy(path, setup->szPlaylist, sizeof(path));
+    const enumZorPlayResult r = m_pPlaylist->SetupPlaylistFile(path);
+    if (r != eResultSuccess)
+        return r;
+    m_nNextStageIndex.store(0, std::memory_order_relaxed);
+    m_nReadingIndex.store(0, std::memory_order_relaxed);
+    m_nPortPlayingIndex.store(0, std::memory_order_relaxed);
+    m_nNextCompletionIndex.store(0, std::memory_order_relaxed);
+    StagePlaylistEntries(kPlaySlots - 1);
+    return OpenFile() ? eResultSuccess : eResultCantOpenFile;
+}
+
+int CPlayFileHandler::ServiceBuffer()
+{
+    if (IsRingEmpty())
+        return 0;
+    unsigned reading = m_nReadingIndex.load(std::memory_order_relaxed);
+    if (m_pFiles[reading]->FillPlayBuffer() != -1)
+        return 1;
+    if (Next(reading) == m_nNextStageIndex.load(std::memory_order_relaxed))
+        return 0;
+    reading = Next(reading);
+    m_nReadingIndex.store(reading, std::memory_order_relaxed);
+    SerialLog(eLogFile, "ReadIdx(post-inc) %d, NextStgIdx: %d\r\n", static_cast<int>(reading),
+              static_cast<int>(m_nNextStageIndex.load(std::memory_order_relaxed)));
+    if (!OpenFile()) {
+        printf("Playlist couldn't open next file %d\r\n", static_cast<int>(reading));
+        return 0;
+    }
+    SerialLog(eLogFile, "Playlist opened next file: [%d]%.200s\r\n", static_cast<int>(reading),
+              m_pFiles[reading]->GetFilename());
+    m_pFiles[reading]->FillPlayBuffer();
+    return 1;
+}
+
+CZPBuffer* CPlayFileHandler::GetPlayBufferP() const { return PortFile()->GetBufferP(); }
+
+bool CPlayFileHandler::IsCurrentPortFileDone() const { return PortFile()->IsDone(); }
+
+// The callback rolls only onto a file the worker has finished opening and has
+// put audio into; otherwise it waits (an underrun) instead of halting while a
+// staged file is still on its way.
+bool CPlayFileHandler::IsRollReady() const
+{
+    const unsigned next = Next(m_nPortPlayingIndex.load(std::memory_order_relaxed));
+    if (next == m_nNextStageIndex.load(std::memory_order_acquire))
+        return true;
+    const CPlayFile* file = m_pFiles[next];
+    CZPBuffer* buf = file->GetBufferP();
+    if (!buf)
+        return false;
+    return buf->GetReadableFrames() > 0 || file->IsDone();
+}
+
+// Files read ahead are rewound by the worker when a wind starts or stops (see
+// FastWind), so a roll during a wind needs no file work on this thread.
+CZPBuffer* CPlayFileHandler::RTRoll()
+{
+    const unsigned port = Next(m_nPortPlayingIndex.load(std::memory_order_relaxed));
+    m_nPortPlayingIndex.store(port, std::memory_order_release);
+    return m_pFiles[port]->GetBufferP();
+}
+
+unsigned CPlayFileHandler::GetPortPosition() const { return PortFile()->GetPortPosition(); }
+
+unsigned CPlayFileHandler::GetPortMaxLen() const { return PortFile()->GetPortMaxLen(); }
+
+unsigned CPlayFileHandler::GetActivePlaylistIndex() const { return PortFile()->GetListIndex(); }
+
+unsigned CPlayFileHandler::GetRTBufLen() { return PortFile()->GetRTBufLen(); }
+
+const char* CPlayFileHandler::GetActiveFilename()
+{
+    return m_pFiles[m_nNextCompletionIndex.load(std::memory_order_relaxed)]->GetFilename();
+}
+
+void CPlayFileHandler::PopCompletionMessage(structFileCompletion* record, bool bRoll)
+{
+    unsigned completion = m_nNextCompletionIndex.load(std::memory_order_relaxed);
+    CPlayFile* done = m_pFiles[completion];
+    strscpy(record->szFilename, done->GetFilename(), kPlayFilenameSize);
+    record->nIndex = done->GetListIndex();
+    const unsigned rate = g_nJackSampleRate.load(std::memory_order_relaxed);
+    record->nLength = rate ? done->GetPortMaxLen() / rate : 0;
+    done->Unstage();
+    completion = Next(completion);
+    m_nNextCompletionIndex.store(completion, std::memory_order_relaxed);
+    if (!bRoll) {
+        EndPlaylist();
+        return;
+    }
+    record->bRolled = 1;
+    strscpy(record->szNewFilename, m_pFiles[completion]->GetFilename(), kPlayFilenameSize);
+    record->nNewIndex = m_pFiles[completion]->GetListIndex();
+    unsigned index = 0;
+    if (PullPlaylistEntry(index))
+        AddFileToArray(m_szPathScratch, index);
+}
+
+void CPlayFileHandler::EndPlaylist()
+{
+    SerialLog(eLogFile, "Cleaning up playlist variables.\r\n");
+    m_pPlaylist->Reset();
+    for (unsigned i = 0; i < kPlaySlots; ++i)
+        m_pFiles[i]->Unstage();
+    m_pFastWind->ClearAll();
+    m_nNextStageIndex.store(0, std::memory_order_release);
+    m_nReadingIndex.store(0, std::memory_order_relaxed);
+    m_nPortPlayingIndex.store(0, std::memory_order_release);
+    m_nNextCompletionIndex.store(0, std::memory_order_relaxed);
+}
+
+void CPlayFileHandler::ReadFromPortSlot()
+{
+    const unsigned port = m_nPortPlayingIndex.load(std::memory_order_relaxed);
+    if (m_nReadingIndex.load(std::memory_order_relaxed) != port) {
+        m_nReadingIndex.store(port, std::memory_order_relaxed);
+        m_pFiles[port]->ClearDoneFlag();
+    }
+}
+
+enumZorPlayResult CPlayFileHandler::SeekToTime(int seconds)
+{
+    CRTGatePark park(m_Gate);
+    // A negative time would wrap to a huge frame count; it is refused.
+    if (seconds < 0 || !PortFile()->IsOpen())
+        return eResultSkipImpossible;
+    ReadFromPortSlot();
+    CPlayFile* port = PortFile();
+    if (!port->SeekToAbsTime(static_cast<unsigned>(seconds)))
+        return eResultSkipImpossible;
+    port->ClearBuffers();
+    port->FillPlayBuffer();
+    return eResultSuccess;
+}
+
+int CPlayFileHandler::FastWind(bool bEngage, bool bForward, bool bSilent)
+{
+    CRTGatePark park(m_Gate);
+    SerialLog(eLogInteractive, "%s - %s - %s\r\n", bForward ? "Fast Forward" : "Rewind",
+              bEngage ? "Engage" : "Disengage", bSilent ? "Silent" : "Audible");
+    ReadFromPortSlot();
+    CPlayFile* port = PortFile();
+    port->SeekToPortTime();
+    port->ClearBuffers();
+    if (bEngage) {
+        if (!m_pFastWind->m_bEngaged)
+            m_pFastWind->m_bSilent = bSilent;
+        m_pFastWind->m_bForward = bForward;
+        m_pFastWind->m_nStartSeconds = MonotonicSeconds();
+    } else {
+        m_pFastWind->m_bForward = false;
+        m_pFastWind->m_bSilent = false;
+        m_pFastWind->m_nStartSeconds = 0;
+    }
+    m_pFastWind->m_bEngaged = bEngage;
+    // Files read ahead start again from their beginning, so that the next
+    // file follows the wind (or the end of it) from its start.
+    const unsigned stage = m_nNextStageIndex.load(std::memory_order_relaxed);
+    for (unsigned i = Next(m_nPortPlayingIndex.load(std::memory_order_relaxed)); i != stage; i = Next(i))
+        if (m_pFiles[i]->IsOpen())
+            m_pFiles[i]->ResetPosition();
+    port->FillPlayBuffer();
+    return 0;
+}
+
+bool CPlayFileHandler::SkipIsValid(bool bRelative, int nSkip) const
+{
+    if (!m_pPlaylist->IsActive())
+        return false;
+    long target = nSkip;
+    if (bRelative)
+        target += static_cast<long>(m_pPlaylist->GetActiveIndex()) - static_cast<long>(SlotsPortToStage());
+    return target >= 0 && target < static_cast<long>(m_pPlaylist->GetLength());
+}
+
+enumZorPlayResult CPlayFileHandler::SkipInPlaylist(bool bRelative, int nSkip)
+{
+    CRTGatePark park(m_Gate);
+    const int value = bRelative ? nSkip - static_cast<int>(SlotsPortToStage()) : nSkip;
+    m_pPlaylist->Skip(bRelative, value);
+    const unsigned port = m_nPortPlayingIndex.load(std::memory_order_relaxed);
+    m_pFiles[port]->ManualStop();
+    const unsigned stage = m_nNextStageIndex.load(std::memory_order_relaxed);
+    for (unsigned i = Next(port); i != stage; i = Next(i))
+        m_pFiles[i]->Unstage();
+    m_nNextStageIndex.store(Next(port), std::memory_order_release);
+    m_nReadingIndex.store(Next(port), std::memory_order_relaxed);
+    StagePlaylistEntries(kPlaySlots);
+    return OpenFile() ? eResultSuccess : eResultCantOpenFile;
+}
+
+// Everything after the port slot is unstaged and nothing more is read: the
+// callback plays out nothing further, finds the port slot done, rolls onto the
+// end of the ring and halts. The stage and reading indices are pulled in to
+// the slot after the port, so that the end is recognisable.
+int CPlayFileHandler::ManualStop()
+{
+    CRTGatePark park(m_Gate);
+    SerialLog(eLogRuntime, "Manual Stop!!\r\n");
+    const unsigned port = m_nPortPlayingIndex.load(std::memory_order_relaxed);
+    m_pFiles[port]->ManualStop();
+    const unsigned stage = m_nNextStageIndex.load(std::memory_order_relaxed);
+    if (stage != port) {
+        for (unsigned i = Next(port); i != stage; i = Next(i))
+            m_pFiles[i]->Unstage();
+        m_nNextStageIndex.store(Next(port), std::memory_order_release);
+        m_nReadingIndex.store(Next(port), std::memory_order_relaxed);
+    }
+    return 0;
+}
+
+void CPlayFileHandler::DoDisplayDebug()
+{
+    puts("File Handler Internals\r\n~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~\r");
+    printf("Num Channels: %u\r\n", m_nChannels);
+    if (m_pPlaylist->IsActive()) {
+        puts("Mode: Playlist \r");
+        m_pPlaylist->DisplayDebug();
+    } else {
+        puts("Mode: Manual Files\r");
+    }
+    const unsigned reading = GetReadingIndex();
+    const unsigned port = GetPortPlayingIndex();
+    printf("  Next Stage Index: %u\r\n", GetNextStageIndex());
+    printf("     Reading Index: %u\r\n", reading);
+    printf("Port Playing Index: %u\r\n", port);
+    printf("Next Completion Ix: %u\r\n", GetNextCompletionIndex());
+    for (unsigned i = 0; i < kPlaySlots; ++i) {
+        printf("\t[%u]:", i);
+        m_pFiles[i]->DoDisplayDebug(i == reading || i == port);
+        puts("\r");
+    }
+}
