@@ -1,0 +1,148 @@
+// The command exchange between the main thread and a module's worker, under
+// load from a thread that plays the real-time callback's part: posting
+// service and file-done tokens as fast as it can, so that the internal queue
+// runs full. Every command must get its own answer, and every file-done event
+// exactly one completion, whether its token was posted or lost to a full
+// queue. Run under ThreadSanitizer as part of the unit label.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <thread>
+
+#include "modules/rp_common.h"
+#include "protocol/rp_server.h"
+
+namespace {
+
+unsigned QueueDepthLimit()
+{
+    unsigned depth = 0;
+    if (FILE* f = fopen("/proc/sys/fs/mqueue/msg_max", "r")) {
+        if (fscanf(f, "%u", &depth) != 1)
+            depth = 0;
+        fclose(f);
+    }
+    return depth;
+}
+
+// A module without a JACK client: queues and worker only. Its file work is a
+// counter, slow enough that a flood of tokens fills the internal queue.
+class CExchangeModule : public CRPBase {
+public:
+    explicit CExchangeModule(CRPServer* server)
+        : CRPBase("ExchangeTest", 0, 1, 0, true, server), m_Handler(1)
+    {
+        m_pFileHandler = &m_Handler;
+    }
+    ~CExchangeModule() override { StopWorker(); }
+
+    enumZorPlayResult Bring()
+    {
+        enumZorPlayResult r = CreateQueues();
+        return r == eResultSuccess ? StartWorker() : r;
+    }
+    void Post(eRPInternalToken token) { SendRTRequest(token); }
+    void TellWorkerToLeave() { SendInternal(eTokenExit); }
+
+    std::atomic<unsigned> m_nServices{0};
+    std::atomic<unsigned> m_nCompletions{0};
+
+protected:
+    void ServiceBuffer() override
+    {
+        m_nServices.fetch_add(1);
+        std::this_thread::sleep_for(std::chrono::microseconds(20));
+    }
+    unsigned GetProgressElapsed() override { return 0; }
+    unsigned GetProgressMax() override { return 0; }
+    int ProcessMember(unsigned) override { return 0; }
+    void PrepareCompletionMsg(bool) override
+    {
+        m_nCompletions.fetch_add(1);
+        PrepareMessage(&m_CompletionMsg, eCmdFileCompletion);
+    }
+    bool InstallCallbacks() override { return true; }
+
+private:
+    CRecFileHandler m_Handler;
+};
+
+class ModuleExchangeTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_GE(QueueDepthLimit(), 200u)
+            << "module queues need 200 messages: echo 256 > /proc/sys/fs/mqueue/msg_max";
+        ASSERT_EQ(m_Module.Bring(), eResultSuccess);
+    }
+
+    CRPServer m_Server; // never bound: completion sends fail and are printed
+    CExchangeModule m_Module{&m_Server};
+};
+
+TEST_F(ModuleExchangeTest, EveryCommandGetsItsOwnAnswerWhileTheCallbackFloodsTheQueue)
+{
+    constexpr unsigned kFileDoneEvents = 150;
+    std::atomic<bool> stop{false};
+    std::thread callback([&] {
+        unsigned sent = 0;
+        while (!stop.load()) {
+            m_Module.Post(eInternalService);
+            if (sent < kFileDoneEvents && (rand() % 64) == 0) {
+                m_Module.Post(eInternalFileDone);
+                ++sent;
+            }
+        }
+        while (sent < kFileDoneEvents) {
+            m_Module.Post(eInternalFileDone);
+            ++sent;
+        }
+    });
+
+    // An idle recorder answers each of these with its own code, so an answer
+    // paired with the wrong command shows at once.
+    structSetupPlayFile play{};
+    structSeekOperation seek{};
+    structSkipInPlaylist skip{};
+    structSetupPlaylist list{};
+    for (int i = 0; i < 400; ++i) {
+        ASSERT_EQ(m_Module.Start(), eResultNoFile) << "round " << i;
+        ASSERT_EQ(m_Module.Stop(), eResultNotRunning) << "round " << i;
+        ASSERT_EQ(m_Module.SetupFile(&play), eResultWrongModuleType) << "round " << i;
+        ASSERT_EQ(m_Module.SeekToTime(&seek), eResultWrongModuleType);
+        ASSERT_EQ(m_Module.PlaylistSkip(&skip), eResultWrongModuleType);
+        ASSERT_EQ(m_Module.SetupPlaylist(&list), eResultWrongModuleType);
+        ASSERT_EQ(m_Module.ReportProgress(), eResultNotRunning) << "round " << i;
+    }
+    stop = true;
+    callback.join();
+
+    // Every file-done event becomes one completion, posted or not.
+    for (int waited = 0; m_Module.m_nCompletions.load() < kFileDoneEvents && waited < 1000; ++waited)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    // A last service token lets the worker make good any event still counted.
+    m_Module.Post(eInternalService);
+    for (int waited = 0; m_Module.m_nCompletions.load() < kFileDoneEvents && waited < 1000; ++waited)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(m_Module.m_nCompletions.load(), kFileDoneEvents);
+    EXPECT_GT(m_Module.m_nServices.load(), 0u);
+}
+
+TEST_F(ModuleExchangeTest, OperationsOnAWorkerThatHasLeftAnswer34InsteadOfHanging)
+{
+    m_Module.TellWorkerToLeave();
+    // The exit token gets no answer; whatever was sent before it has been
+    // answered, so the next operation finds a worker that is gone.
+    for (int waited = 0; waited < 500; ++waited) {
+        if (m_Module.Start() == eResultUnmapped)
+            break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(m_Module.Start(), eResultUnmapped);
+    structSetupFile setup{};
+    EXPECT_EQ(m_Module.SetupFile(&setup), eResultUnmapped);
+    EXPECT_EQ(m_Module.ReportProgress(), eResultUnmapped);
+}
+
+} // namespace
