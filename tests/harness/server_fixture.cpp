@@ -224,12 +224,17 @@ bool ChildProcess::WaitForOutput(const std::string& text, int timeoutMs) const
     return WaitUntil([&] { return Output().find(text) != std::string::npos; }, timeoutMs);
 }
 
-bool JackServer::Start()
+std::string JackServer::UniqueName()
 {
     static std::atomic<int> counter{0};
-    m_Name = "zptest_" + std::to_string(getpid()) + "_" + std::to_string(counter++);
-    if (!m_Process.Start({"/usr/bin/jackd", "-n", m_Name, "-d", "dummy", "-r", "48000", "-p", "1024", "-C", "8",
-                          "-P", "8"}))
+    return "zptest_" + std::to_string(getpid()) + "_" + std::to_string(counter++);
+}
+
+bool JackServer::Start(unsigned capturePorts, unsigned playbackPorts, const std::string& name)
+{
+    m_Name = name;
+    if (!m_Process.Start({"/usr/bin/jackd", "-n", m_Name, "-d", "dummy", "-r", "48000", "-p", "1024", "-C",
+                          std::to_string(capturePorts), "-P", std::to_string(playbackPorts)}))
         return false;
     ChildProcess waiter;
     if (!waiter.Start({"/usr/bin/jack_wait", "-s", m_Name, "-w", "-t", "20"}) || waiter.WaitExit(30000) != 0) {

@@ -57,11 +57,14 @@ private:
     std::string m_Err;
 };
 
-// jackd -n <unique name> -d dummy -r 48000 -p 1024 -C 8 -P 8
+// jackd -n <name> -d dummy -r 48000 -p 1024 -C <capture> -P <playback>
 class JackServer {
 public:
     ~JackServer() { Stop(); }
-    bool Start();
+    // A name of its own for this test process; a server started later under
+    // it is the one clients given the name find.
+    static std::string UniqueName();
+    bool Start(unsigned capturePorts = 8, unsigned playbackPorts = 8, const std::string& name = UniqueName());
     void Stop();
     bool Running() const { return m_Process.Running(); }
     const std::string& Name() const { return m_Name; }

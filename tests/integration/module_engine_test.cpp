@@ -1,0 +1,375 @@
+// Modules on a real JACK server, driven over the socket: slots, argument
+// checks, JACK client and port names, connections, the base state machine,
+// displays, failures at creation, and teardown without leftovers.
+#include <dirent.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "harness/jack_probe.h"
+#include "harness/server_fixture.h"
+
+namespace {
+
+constexpr enumZorPlayType kRec = eZorPlayRecorder;
+constexpr enumZorPlayType kPlay = eZorPlayPlayer;
+
+std::string ClientName(enumZorPlayType type, int slot)
+{
+    char name[32];
+    snprintf(name, sizeof(name), "%s%03d", type == kPlay ? "Player" : "Recorder", slot);
+    return name;
+}
+
+int Create(ProtocolClient& client, enumZorPlayType type, int slot, int channels, int offset)
+{
+    structAddModule add = {channels, offset};
+    return client.Call(type, eCmdCreate, slot, &add, sizeof(add));
+}
+
+// Entries of a /proc folder (threads, descriptors) of a process.
+int CountEntries(const std::string& dir)
+{
+    int n = 0;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (dirent* e = readdir(d))
+            if (e->d_name[0] != '.')
+                ++n;
+        closedir(d);
+    }
+    return n;
+}
+
+// Names in the message-queue filesystem, mounting it when it is not.
+bool QueueNames(std::vector<std::string>& names)
+{
+    bool mounted = false;
+    std::ifstream mounts("/proc/mounts");
+    for (std::string line; std::getline(mounts, line);)
+        mounted = mounted || line.find(" /dev/mqueue mqueue ") != std::string::npos;
+    if (!mounted) {
+        mkdir("/dev/mqueue", 0755);
+        if (mount("none", "/dev/mqueue", "mqueue", 0, nullptr) != 0)
+            return false;
+    }
+    DIR* d = opendir("/dev/mqueue");
+    if (!d)
+        return false;
+    names.clear();
+    while (dirent* e = readdir(d))
+        if (e->d_name[0] != '.')
+            names.push_back(e->d_name);
+    closedir(d);
+    return true;
+}
+
+unsigned ReadMsgMax()
+{
+    unsigned v = 0;
+    std::ifstream("/proc/sys/fs/mqueue/msg_max") >> v;
+    return v;
+}
+
+bool WriteMsgMax(unsigned v)
+{
+    std::ofstream f("/proc/sys/fs/mqueue/msg_max");
+    f << v;
+    f.close();
+    return ReadMsgMax() == v;
+}
+
+class ModuleEngine : public ServerTest {
+protected:
+    void SetUp() override
+    {
+        ServerTest::SetUp();
+        ASSERT_TRUE(m_Probe.Open(s_pJack->Name()));
+    }
+    void TearDown() override
+    {
+        m_Probe.Close();
+        ServerTest::TearDown();
+    }
+    int Cmd(enumZorPlayType type, enumZorPlayCmd cmd, int slot, const void* payload = nullptr, size_t len = 0)
+    {
+        return m_Client.Call(type, cmd, slot, payload, len);
+    }
+    // Answer of a request and whether the lines it printed contain text.
+    ::testing::AssertionResult Prints(int answer, int expected, const std::string& text, size_t mark)
+    {
+        if (answer != expected)
+            return ::testing::AssertionFailure() << "answer " << answer << ", expected " << expected;
+        if (!WaitUntil([&] { return m_Server.OutputSince(mark).find(text) != std::string::npos; }, 5000))
+            return ::testing::AssertionFailure() << "no \"" << text << "\" in:\n" << m_Server.OutputSince(mark);
+        return ::testing::AssertionSuccess();
+    }
+
+    JackProbe m_Probe;
+};
+
+TEST_F(ModuleEngine, EverySlotOfBothKindsIsCreatedAndDeleted)
+{
+    for (int slot = 0; slot < kMaxModuleSlots; ++slot) {
+        ASSERT_EQ(Create(m_Client, kPlay, slot, 1, slot), eResultSuccess) << slot;
+        ASSERT_EQ(Create(m_Client, kRec, slot, 1, slot), eResultSuccess) << slot;
+    }
+    for (int slot = 0; slot < kMaxModuleSlots; ++slot) {
+        EXPECT_TRUE(m_Probe.HasClient(ClientName(kPlay, slot))) << slot;
+        EXPECT_TRUE(m_Probe.HasClient(ClientName(kRec, slot))) << slot;
+    }
+
+    size_t mark = m_Server.OutputSize();
+    EXPECT_TRUE(Prints(Create(m_Client, kPlay, 3, 0, -1), eResultSlotOccupied, "Slot 3 is occupied.\r\n", mark))
+        << "the slot is checked before the channels";
+
+    mark = m_Server.OutputSize();
+    EXPECT_EQ(Cmd(kRec, eCmdHello, 1), eResultSuccess);
+    EXPECT_TRUE(Prints(0, 0, "\t[7]:  Recorder007 is Idle, Channels: 1, Offset: 7, filename: , file progress: %0\r\n"
+                             "Players:\r\n\t[0]:    Player000 is Idle",
+                       mark));
+
+    // Deleting all players leaves the recorders; deleting one recorder
+    // empties just its slot.
+    EXPECT_EQ(Cmd(kPlay, eCmdDeleteAll, 0), eResultSuccess);
+    EXPECT_EQ(Cmd(kPlay, eCmdDeleteAll, 0), eResultSuccess) << "also with no players left";
+    EXPECT_EQ(Cmd(kRec, eCmdDelete, 5), eResultSuccess);
+    mark = m_Server.OutputSize();
+    EXPECT_TRUE(Prints(Cmd(kRec, eCmdDelete, 5), eResultSlotEmpty, "Slot 5 is empty.\r\n", mark));
+    mark = m_Server.OutputSize();
+    EXPECT_TRUE(Prints(Cmd(kPlay, eCmdStart, 2), eResultSlotEmpty, "Slot 2 is empty.\r\n", mark));
+    for (int slot = 0; slot < kMaxModuleSlots; ++slot) {
+        EXPECT_FALSE(m_Probe.HasClient(ClientName(kPlay, slot))) << slot;
+        EXPECT_EQ(m_Probe.HasClient(ClientName(kRec, slot)), slot != 5) << slot;
+    }
+    EXPECT_EQ(Cmd(kRec, eCmdDeleteAll, 0), eResultSuccess);
+    EXPECT_TRUE(WaitUntil([&] { return !m_Probe.HasClient(ClientName(kRec, 0)); }, 5000));
+}
+
+TEST_F(ModuleEngine, CreateChecksItsArgumentsInOrder)
+{
+    struct Case {
+        int channels, offset, result;
+        const char* line;
+    } cases[] = {
+        {0, -1, eResultBadChannels, "Channels param 0 < 1\r\n"},
+        {9, -1, eResultBadOffset, "Offset param -1 < 0\r\n"},
+        {9, 0, eResultBadChannels, "Channels param 9 > 8\r\n"},
+        {1, 9, eResultBadOffset, "Offset param 9 > 8\r\n"},
+    };
+    for (const Case& c : cases) {
+        for (enumZorPlayType type : {kRec, kPlay}) {
+            const size_t mark = m_Server.OutputSize();
+            EXPECT_TRUE(Prints(Create(m_Client, type, 4, c.channels, c.offset), c.result, c.line, mark));
+        }
+    }
+    // The header check stands before the manager's: a slot of 8 or a type of
+    // 2 never reaches it.
+    size_t mark = m_Server.OutputSize();
+    EXPECT_TRUE(Prints(Create(m_Client, kRec, 8, 1, 0), eResultBadIndex,
+                       "Message fails validation: Module index out of bounds\r\n", mark));
+    // Recorder 0 and player 0 live side by side; offset 8 passes the
+    // manager's check and fails only at the connection.
+    EXPECT_EQ(Create(m_Client, kRec, 0, 8, 0), eResultSuccess);
+    EXPECT_EQ(Create(m_Client, kPlay, 0, 8, 0), eResultSuccess);
+    EXPECT_EQ(Create(m_Client, kPlay, 1, 1, 8), eResultNoConnect);
+}
+
+TEST_F(ModuleEngine, PortsAreNamedAndConnectedFromTheOffset)
+{
+    const std::vector<std::string> playback = m_Probe.Ports("system", JackPortIsInput);
+    const std::vector<std::string> capture = m_Probe.Ports("system", JackPortIsOutput);
+    ASSERT_EQ(playback.size(), 8u);
+    ASSERT_EQ(capture.size(), 8u);
+
+    ASSERT_EQ(Create(m_Client, kPlay, 1, 2, 1), eResultSuccess);
+    ASSERT_EQ(Create(m_Client, kRec, 2, 3, 5), eResultSuccess);
+    EXPECT_EQ(m_Probe.Ports("^Player001:"), (std::vector<std::string>{"Player001:output1", "Player001:output2"}));
+    for (int k = 0; k < 2; ++k)
+        EXPECT_EQ(m_Probe.Connections("Player001:output" + std::to_string(k + 1)),
+                  std::vector<std::string>{playback[1 + k]});
+    for (int k = 0; k < 3; ++k)
+        EXPECT_EQ(m_Probe.Connections("Recorder002:input" + std::to_string(k + 1)),
+                  std::vector<std::string>{capture[5 + k]});
+
+    // Channels + offset equal to the port count fits; one more does not, and
+    // the slot stays empty for a later create with the same client name.
+    size_t mark = m_Server.OutputSize();
+    EXPECT_TRUE(Prints(Create(m_Client, kPlay, 3, 2, 7), eResultNoConnect,
+                       "Port number exceeds available JACK ports. Reduce num channels or first port number "
+                       "(offset).\n",
+                       mark));
+    EXPECT_TRUE(WaitUntil([&] { return !m_Probe.HasClient("Player003"); }, 5000));
+    EXPECT_EQ(Create(m_Client, kPlay, 3, 2, 6), eResultSuccess);
+    EXPECT_EQ(m_Probe.Connections("Player003:output2"), std::vector<std::string>{playback[7]});
+}
+
+TEST_F(ModuleEngine, TheBaseStateMachineAnswersOverTheSocket)
+{
+    ASSERT_EQ(Create(m_Client, kRec, 0, 2, 0), eResultSuccess);
+    ASSERT_EQ(Create(m_Client, kPlay, 0, 2, 0), eResultSuccess);
+
+    for (enumZorPlayType type : {kRec, kPlay}) {
+        size_t mark = m_Server.OutputSize();
+        EXPECT_TRUE(Prints(Cmd(type, eCmdStart, 0), eResultNoFile, "Module can't start - needs file!\r\n", mark));
+        EXPECT_EQ(Cmd(type, eCmdStop, 0), eResultNotRunning);
+        mark = m_Server.OutputSize();
+        EXPECT_TRUE(Prints(Cmd(type, eCmdPause, 0), eResultNotRunning,
+                           "Module not in state that can toggle pause\r\n", mark));
+    }
+
+    // Player commands sent to a recorder, and the record set-up sent to a
+    // player, are answered by the module as the wrong kind.
+    structSetupPlayFile play{};
+    structSetupPlaylist list{};
+    structSkipInPlaylist skip{};
+    structSeekOperation seek{};
+    EXPECT_EQ(Cmd(kRec, eCmdFastForward, 0), eResultWrongModuleType);
+    EXPECT_EQ(Cmd(kRec, eCmdRewind, 0), eResultWrongModuleType);
+    EXPECT_EQ(Cmd(kRec, eCmdSeek, 0, &seek, sizeof(seek)), eResultWrongModuleType);
+    EXPECT_EQ(Cmd(kRec, eCmdSetupPlaylist, 0, &list, sizeof(list)), eResultWrongModuleType);
+    EXPECT_EQ(Cmd(kRec, eCmdSkipInPlaylist, 0, &skip, sizeof(skip)), eResultWrongModuleType);
+    EXPECT_EQ(Cmd(kRec, eCmdSetupPlayFile, 0, &play, sizeof(play)), eResultWrongModuleType);
+    structSetupFile record{};
+    EXPECT_EQ(Cmd(kPlay, eCmdSetupFile, 0, &record, sizeof(record)), eResultWrongModuleType);
+    EXPECT_EQ(Cmd(kPlay, eCmdRewind, 0), eResultNotRunning) << "a player rewinds only while playing";
+
+    // Query status: the long display between its header and footer, and for
+    // an empty slot the slot line.
+    size_t mark = m_Server.OutputSize();
+    EXPECT_TRUE(Prints(Cmd(kRec, eCmdQueryStatus, 0), eResultSuccess,
+                       "\r\n***** Slot 0 Debug Info *****\r\nType: Recorder, State: Idle\r\n"
+                       "Jack Details: Rate 48000, buffer sz 1024\r\nPort Progress 0 of 0\r\n",
+                       mark));
+    EXPECT_TRUE(Prints(0, 0, "*****************************\r\n\r\n", mark));
+    mark = m_Server.OutputSize();
+    EXPECT_TRUE(Prints(Cmd(kPlay, eCmdQueryStatus, 4), eResultSuccess,
+                       "\r\n***** Slot 4 Debug Info *****\r\nSlot 4 is empty.\r\n*****************************\r\n\r\n",
+                       mark));
+}
+
+TEST_F(ModuleEngine, ManyCreateDeleteCyclesLeaveNothingBehind)
+{
+    const std::string proc = "/proc/" + std::to_string(m_Server.Pid());
+    // One module first, so that libjack's own threads and descriptors of a
+    // first client are in the baseline.
+    ASSERT_EQ(Create(m_Client, kRec, 7, 1, 0), eResultSuccess);
+    const int threads = CountEntries(proc + "/task");
+    const int fds = CountEntries(proc + "/fd");
+    for (int i = 0; i < 200; ++i) {
+        const enumZorPlayType type = i % 2 ? kPlay : kRec;
+        ASSERT_EQ(Create(m_Client, type, i % 7, 2, i % 7), eResultSuccess) << "cycle " << i;
+        ASSERT_EQ(Cmd(type, eCmdDelete, i % 7), eResultSuccess) << "cycle " << i;
+    }
+    EXPECT_TRUE(WaitUntil([&] { return CountEntries(proc + "/task") == threads; }, 5000))
+        << CountEntries(proc + "/task") << " threads, " << threads << " before";
+    EXPECT_EQ(CountEntries(proc + "/fd"), fds);
+
+    std::vector<std::string> queues;
+    if (!QueueNames(queues))
+        GTEST_SKIP() << "the message-queue filesystem cannot be mounted here";
+    for (const std::string& q : queues)
+        EXPECT_EQ(q.find("MQ"), std::string::npos) << "queue left in the system: " << q;
+}
+
+TEST_F(ModuleEngine, ExitWithModulesOfBothKindsTearsDownCleanly)
+{
+    for (int slot : {0, 3}) {
+        ASSERT_EQ(Create(m_Client, kRec, slot, 2, 0), eResultSuccess);
+        ASSERT_EQ(Create(m_Client, kPlay, slot, 2, 2), eResultSuccess);
+    }
+    EXPECT_EQ(Cmd(kRec, eCmdExit, 0), eResultSuccess);
+    EXPECT_EQ(m_Server.WaitExit(20000), 0) << m_Server.Output();
+}
+
+TEST_F(ModuleEngine, AnInterruptWithModulesOfBothKindsTearsDownCleanly)
+{
+    for (int slot : {1, 6}) {
+        ASSERT_EQ(Create(m_Client, kPlay, slot, 1, 0), eResultSuccess);
+        ASSERT_EQ(Create(m_Client, kRec, slot, 8, 0), eResultSuccess);
+    }
+    EXPECT_EQ(m_Server.Stop(20000), 0) << m_Server.Output();
+}
+
+class UnconnectedModules : public ModuleEngine {
+protected:
+    std::vector<std::string> ServerArgs() override { return {"-nc"}; }
+};
+
+TEST_F(UnconnectedModules, AreIdleWithNothingConnected)
+{
+    ASSERT_EQ(Create(m_Client, kPlay, 0, 8, 8), eResultSuccess) << "no port count check without connecting";
+    ASSERT_EQ(Create(m_Client, kRec, 0, 2, 0), eResultSuccess);
+    for (const std::string& port : m_Probe.Ports("^(Player000|Recorder000):"))
+        EXPECT_TRUE(m_Probe.Connections(port).empty()) << port;
+    EXPECT_EQ(m_Probe.Ports("^Player000:").size(), 8u);
+    size_t mark = m_Server.OutputSize();
+    EXPECT_TRUE(Prints(Cmd(kPlay, eCmdQueryStatus, 0), eResultSuccess, "Type: Player, State: Idle\r\n", mark));
+}
+
+// Creation that fails leaves the slot empty and nothing behind; these run
+// without the shared JACK server or with the queue limit lowered.
+class ModuleCreationFailures : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(m_Client.Open()); }
+    void TearDown() override
+    {
+        if (m_Server.Running()) {
+            EXPECT_EQ(m_Server.Stop(), 0) << m_Server.Output();
+        }
+        m_Client.Close();
+    }
+    void StartServer(const std::string& jackName)
+    {
+        ASSERT_TRUE(m_Server.Start({}, jackName));
+        ASSERT_TRUE(WaitUntil(
+            [&] { return m_Client.Call(kRec, eCmdHello, 0, nullptr, 0, 200) == eResultSuccess; }, 15000))
+            << m_Server.Output();
+    }
+
+    ZorPlayProcess m_Server;
+    ProtocolClient m_Client;
+};
+
+TEST_F(ModuleCreationFailures, NoJackServerAnswers14UntilOneIsUp)
+{
+    const std::string name = JackServer::UniqueName();
+    StartServer(name);
+    EXPECT_EQ(Create(m_Client, kPlay, 0, 1, 0), eResultNoJack);
+    EXPECT_TRUE(m_Server.WaitForOutput("OpenJack: Couldn't open Jack client, status: 0x", 5000));
+    EXPECT_EQ(m_Client.Call(kPlay, eCmdStart, 0), eResultSlotEmpty);
+
+    JackServer jack;
+    ASSERT_TRUE(jack.Start(8, 8, name));
+    EXPECT_EQ(Create(m_Client, kPlay, 0, 1, 0), eResultSuccess);
+    EXPECT_EQ(m_Server.Stop(), 0) << m_Server.Output();
+}
+
+TEST_F(ModuleCreationFailures, AQueueDepthLimitBelow200Answers31)
+{
+    JackServer jack;
+    ASSERT_TRUE(jack.Start());
+    StartServer(jack.Name());
+    const unsigned saved = ReadMsgMax();
+    if (!WriteMsgMax(10))
+        GTEST_SKIP() << "/proc/sys/fs/mqueue/msg_max cannot be changed here";
+    const int answer = Create(m_Client, kRec, 2, 1, 0);
+    const bool restored = WriteMsgMax(saved);
+    ASSERT_TRUE(restored) << "msg_max left at 10; restore it to " << saved;
+
+    EXPECT_EQ(answer, eResultNoMsgQueue);
+    EXPECT_TRUE(m_Server.WaitForOutput("Couldn't create queue named /MQInternalRecorder-2: err: 22 Invalid argument\r\n"
+                                       "Is /proc/sys/fs/mqueue/msg_max large enough?\r\n",
+                                       5000))
+        << m_Server.Output();
+    JackProbe probe;
+    ASSERT_TRUE(probe.Open(jack.Name()));
+    EXPECT_TRUE(WaitUntil([&] { return !probe.HasClient("Recorder002"); }, 5000));
+    EXPECT_EQ(m_Client.Call(kRec, eCmdStart, 2), eResultSlotEmpty);
+    EXPECT_EQ(Create(m_Client, kRec, 2, 1, 0), eResultSuccess) << "with the limit back, the slot takes a module";
+}
+
+} // namespace
