@@ -53,9 +53,10 @@ unsigned CZPBuffer::GetWritableFrames() const
     const uint32_t w = m_nWriteIndex.load(std::memory_order_relaxed);
     const uint32_t r = m_nReadIndex.load(std::memory_order_acquire);
     const uint32_t freeFrames = FreeSamples(w, r) / m_nChannels;
-    // The free count is at least one frame whenever callers keep the contract;
-    // the guard keeps a broken caller from being offered the whole address space.
-    return freeFrames;
+    // One frame is always kept free. The free count is at least one frame
+    // whenever callers keep the contract; the guard keeps a broken caller
+    // from being offered the whole address space.
+    return freeFrames > 0 ? freeFrames - 1 : 0;
 }
 
 unsigned CZPBuffer::GetTotalFrames() const

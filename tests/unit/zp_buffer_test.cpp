@@ -1,0 +1,310 @@
+// Ring buffer: full/empty, regions across the array end, sample-at-a-time
+// wrapping, silence, reset, and one producer/one consumer on two threads.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <random>
+#include <thread>
+
+#include "audio/zp_buffer.h"
+
+namespace {
+
+// The array start: the second write region always points there.
+float* Base(const CZPBuffer& buf)
+{
+    CBufInfo info;
+    buf.GetWriteInfo(info);
+    return info.m_pSecond;
+}
+
+// Producer step: up to `frames` frames of a counting sequence (sample k holds
+// k), by block copy through the write regions or one sample at a time.
+// Returns the frames written.
+unsigned Produce(CZPBuffer& buf, unsigned channels, uint32_t& next, uint32_t endSample,
+                 unsigned frames, bool single)
+{
+    frames = std::min(frames, (endSample - next) / channels);
+    if (single) {
+        const unsigned k = std::min(frames, buf.GetWritableFrames());
+        for (unsigned i = 0; i < k * channels; ++i)
+            buf.WriteSingle(static_cast<float>(next++));
+        return k;
+    }
+    CBufInfo info;
+    buf.GetWriteInfo(info);
+    const unsigned k1 = std::min(frames, info.m_nFirstFrames);
+    for (unsigned i = 0; i < k1 * channels; ++i)
+        info.m_pFirst[i] = static_cast<float>(next++);
+    buf.WriteAdvance(k1);
+    unsigned k2 = 0;
+    if (k1 == info.m_nFirstFrames && info.m_nSecondFrames > 0) {
+        k2 = std::min(frames - k1, info.m_nSecondFrames);
+        for (unsigned i = 0; i < k2 * channels; ++i)
+            info.m_pSecond[i] = static_cast<float>(next++);
+        buf.WriteAdvance(k2);
+    }
+    return k1 + k2;
+}
+
+// Consumer step mirroring Produce. Counts a sample that is not the next of
+// the sequence in `errors`. Returns the frames read.
+unsigned Consume(CZPBuffer& buf, unsigned channels, uint32_t& expected, unsigned frames, bool single,
+                 unsigned& errors)
+{
+    if (single) {
+        const unsigned k = std::min(frames, buf.GetReadableFrames());
+        for (unsigned i = 0; i < k * channels; ++i)
+            errors += buf.ReadSingle() != static_cast<float>(expected++);
+        return k;
+    }
+    CBufInfo info;
+    buf.GetReadInfo(info);
+    const unsigned k1 = std::min(frames, info.m_nFirstFrames);
+    for (unsigned i = 0; i < k1 * channels; ++i)
+        errors += info.m_pFirst[i] != static_cast<float>(expected++);
+    buf.ReadAdvance(k1);
+    unsigned k2 = 0;
+    if (k1 == info.m_nFirstFrames && info.m_nSecondFrames > 0) {
+        k2 = std::min(frames - k1, info.m_nSecondFrames);
+        for (unsigned i = 0; i < k2 * channels; ++i)
+            errors += info.m_pSecond[i] != static_cast<float>(expected++);
+        buf.ReadAdvance(k2);
+    }
+    return k1 + k2;
+}
+
+void ExpectEmpty(const CZPBuffer& buf)
+{
+    CBufInfo info;
+    buf.GetReadInfo(info);
+    EXPECT_EQ(buf.GetReadableFrames(), 0u);
+    EXPECT_EQ(info.m_pFirst, nullptr);
+    EXPECT_EQ(info.m_pSecond, nullptr);
+    EXPECT_EQ(info.m_nFirstFrames + info.m_nSecondFrames, 0u);
+}
+
+} // namespace
+
+TEST(ZPBuffer, FullAndEmptyAreNeverConfused)
+{
+    const unsigned frames = 8;
+    CZPBuffer buf(2, frames);
+    CBufInfo info;
+
+    ExpectEmpty(buf);
+    EXPECT_EQ(buf.GetTotalFrames(), frames);
+    EXPECT_EQ(buf.GetWritableFrames(), frames - 1);
+    buf.GetWriteInfo(info);
+    EXPECT_EQ(info.m_pFirst, Base(buf));
+    EXPECT_EQ(info.m_nFirstFrames, frames - 1);
+    EXPECT_EQ(info.m_nSecondFrames, 0u);
+
+    // Fill and drain from every starting position: a full buffer holds
+    // frames - 1 frames and offers no region to write into.
+    uint32_t next = 0, expected = 0;
+    unsigned errors = 0;
+    for (unsigned start = 0; start < frames; ++start) {
+        EXPECT_EQ(Produce(buf, 2, next, UINT32_MAX, 100, start % 2 == 0), frames - 1);
+        EXPECT_EQ(buf.GetWritableFrames(), 0u);
+        EXPECT_EQ(buf.GetReadableFrames(), frames - 1);
+        buf.GetWriteInfo(info);
+        EXPECT_EQ(info.m_nFirstFrames + info.m_nSecondFrames, 0u);
+        EXPECT_EQ(Consume(buf, 2, expected, 100, start % 3 == 0, errors), frames - 1);
+        ExpectEmpty(buf);
+        // Move the cursors on by one frame for the next round.
+        Produce(buf, 2, next, UINT32_MAX, 1, true);
+        Consume(buf, 2, expected, 1, true, errors);
+    }
+    EXPECT_EQ(errors, 0u);
+}
+
+TEST(ZPBuffer, OneFrameBufferNeverAcceptsData)
+{
+    CZPBuffer buf(4, 1);
+    CBufInfo info;
+    buf.GetWriteInfo(info);
+    EXPECT_EQ(buf.GetWritableFrames(), 0u);
+    EXPECT_EQ(info.m_nFirstFrames + info.m_nSecondFrames, 0u);
+    buf.StuffSilence(3);
+    ExpectEmpty(buf);
+
+    // Degenerate sizes behave like the one-frame buffer instead of dividing by zero.
+    CZPBuffer none(0, 0);
+    EXPECT_EQ(none.GetTotalFrames(), 1u);
+    EXPECT_EQ(none.GetWritableFrames(), 0u);
+}
+
+TEST(ZPBuffer, BlockRegionsSplitAtTheArrayEndAndAddUp)
+{
+    // 2 channels, 10 frames. Read cursor at frame 5, write cursor at frame 7.
+    CZPBuffer buf(2, 10);
+    float* base = Base(buf);
+    uint32_t next = 0, expected = 0;
+    unsigned errors = 0;
+    Produce(buf, 2, next, UINT32_MAX, 7, false);
+    Consume(buf, 2, expected, 5, false, errors);
+
+    CBufInfo info;
+    buf.GetWriteInfo(info);
+    EXPECT_EQ(info.m_pFirst, base + 14);
+    EXPECT_EQ(info.m_nFirstFrames, 3u);
+    EXPECT_EQ(info.m_pSecond, base);
+    EXPECT_EQ(info.m_nSecondFrames, 4u);
+    EXPECT_EQ(info.m_nFirstFrames + info.m_nSecondFrames, buf.GetWritableFrames());
+
+    // Fill both regions, then check raw memory on both sides of the wrap; the
+    // frame kept free (frame 4) is left alone.
+    const float keptFree = base[8];
+    EXPECT_EQ(Produce(buf, 2, next, UINT32_MAX, 100, false), 7u);
+    EXPECT_EQ(base[14], 14.0f);
+    EXPECT_EQ(base[19], 19.0f);
+    EXPECT_EQ(base[0], 20.0f);
+    EXPECT_EQ(base[7], 27.0f);
+    EXPECT_EQ(base[8], keptFree);
+    EXPECT_EQ(buf.GetWritableFrames(), 0u);
+
+    buf.GetReadInfo(info);
+    EXPECT_EQ(info.m_pFirst, base + 10);
+    EXPECT_EQ(info.m_nFirstFrames, 5u);
+    EXPECT_EQ(info.m_pSecond, base);
+    EXPECT_EQ(info.m_nSecondFrames, 4u);
+    EXPECT_EQ(info.m_nFirstFrames + info.m_nSecondFrames, buf.GetReadableFrames());
+    EXPECT_EQ(Consume(buf, 2, expected, 100, false, errors), 9u);
+    EXPECT_EQ(errors, 0u);
+    ExpectEmpty(buf);
+
+    // Writable space ending exactly at the array end: no second region, and
+    // the cursor that reaches the end comes back to the start.
+    buf.Reset();
+    Produce(buf, 2, next, UINT32_MAX, 1, false);
+    Consume(buf, 2, expected, 1, false, errors);
+    Produce(buf, 2, next, UINT32_MAX, 4, false);   // read at frame 1, write at frame 5
+    buf.GetWriteInfo(info);
+    EXPECT_EQ(info.m_nFirstFrames, 5u);
+    EXPECT_EQ(info.m_nSecondFrames, 0u);
+    Produce(buf, 2, next, UINT32_MAX, 5, true);
+    buf.GetReadInfo(info);
+    EXPECT_EQ(info.m_nFirstFrames, 9u);
+    EXPECT_EQ(info.m_pSecond, base);
+    EXPECT_EQ(info.m_nSecondFrames, 0u);
+    EXPECT_EQ(Consume(buf, 2, expected, 100, false, errors), 9u);
+    EXPECT_EQ(errors, 0u);
+    buf.GetWriteInfo(info);
+    EXPECT_EQ(info.m_pFirst, base);
+}
+
+TEST(ZPBuffer, OddChannelCountWrapsAtExactCapacity)
+{
+    // 3 channels x 250 frames is 750 samples, not rounded up to anything.
+    CZPBuffer buf(3, 250);
+    float* base = Base(buf);
+    EXPECT_EQ(buf.GetTotalFrames(), 250u);
+    EXPECT_EQ(buf.GetWritableFrames(), 249u);
+
+    // Mixed block and single-sample use, in steps that never line up with
+    // the capacity, through several wraps.
+    uint32_t next = 0, expected = 0;
+    unsigned errors = 0;
+    for (unsigned step = 0; step < 40; ++step) {
+        Produce(buf, 3, next, UINT32_MAX, 37 + step % 5, step % 2 == 0);
+        Consume(buf, 3, expected, 29 + step % 7, step % 3 != 0, errors);
+        if (next > 750 && next <= 1500) {
+            EXPECT_EQ(base[0], 750.0f) << "sample 750 lands at the array start";
+        }
+    }
+    EXPECT_GT(next, 4u * 750);
+    EXPECT_EQ(errors, 0u);
+    const unsigned left = (next - expected) / 3;
+    EXPECT_EQ(Consume(buf, 3, expected, 1000, true, errors), left);
+    EXPECT_EQ(expected, next);
+    EXPECT_EQ(errors, 0u);
+}
+
+TEST(ZPBuffer, StuffSilenceFillsExactlyTheWritableFramesAcrossTheWrap)
+{
+    CZPBuffer buf(2, 10);
+    float* base = Base(buf);
+    uint32_t next = 0, expected = 0;
+    unsigned errors = 0;
+    Produce(buf, 2, next, UINT32_MAX, 7, false);
+    Consume(buf, 2, expected, 7, false, errors);
+    Produce(buf, 2, next, UINT32_MAX, 2, false);   // data in frames 7 and 8
+
+    buf.StuffSilence(3);                            // frame 9, then frames 0 and 1
+    EXPECT_EQ(buf.GetReadableFrames(), 5u);
+    buf.StuffSilence(100);                          // only what is writable
+    EXPECT_EQ(buf.GetWritableFrames(), 0u);
+    EXPECT_EQ(buf.GetReadableFrames(), 9u);
+    EXPECT_EQ(base[12], 12.0f) << "the frame kept free keeps its old sample";
+
+    EXPECT_EQ(Consume(buf, 2, expected, 2, false, errors), 2u);
+    EXPECT_EQ(errors, 0u);
+    for (unsigned i = 0; i < 7 * 2; ++i)
+        EXPECT_EQ(buf.ReadSingle(), 0.0f) << "silence sample " << i;
+    ExpectEmpty(buf);
+}
+
+TEST(ZPBuffer, ResetEmptiesABufferHoldingWrappedData)
+{
+    CZPBuffer buf(2, 10);
+    uint32_t next = 0, expected = 0;
+    unsigned errors = 0;
+    Produce(buf, 2, next, UINT32_MAX, 8, false);
+    Consume(buf, 2, expected, 6, false, errors);
+    Produce(buf, 2, next, UINT32_MAX, 5, false);
+
+    buf.Reset();
+    ExpectEmpty(buf);
+    EXPECT_EQ(buf.GetWritableFrames(), 9u);
+    CBufInfo info;
+    buf.GetWriteInfo(info);
+    EXPECT_EQ(info.m_pFirst, Base(buf));
+    EXPECT_EQ(info.m_nFirstFrames, 9u);
+}
+
+// One producer and one consumer thread move a long counting sequence through
+// a small buffer in random block and single-sample steps, released together.
+// The consumer must see every sample once, in order. Runs under ThreadSanitizer
+// in the sanitizer build.
+TEST(ZPBuffer, ProducerAndConsumerThreadsKeepTheSequence)
+{
+    const unsigned channels = 3;
+    const uint32_t endSample = channels * 200000;   // exact in a float (< 2^24)
+    CZPBuffer buf(channels, 13);
+    std::atomic<int> ready{0};
+    auto waitForBoth = [&ready] {
+        ready.fetch_add(1);
+        while (ready.load() < 2)
+            std::this_thread::yield();
+    };
+
+    std::thread producer([&] {
+        std::mt19937 rng(1);
+        uint32_t next = 0;
+        waitForBoth();
+        while (next < endSample) {
+            if (Produce(buf, channels, next, endSample, 1 + rng() % 17, rng() % 2 == 0) == 0)
+                std::this_thread::yield();
+        }
+    });
+
+    std::mt19937 rng(2);
+    uint32_t expected = 0;
+    unsigned errors = 0;
+    unsigned overfull = 0;
+    waitForBoth();
+    while (expected < endSample) {
+        overfull += buf.GetReadableFrames() > 12;
+        if (Consume(buf, channels, expected, 1 + rng() % 19, rng() % 2 == 0, errors) == 0)
+            std::this_thread::yield();
+    }
+    producer.join();
+
+    EXPECT_EQ(errors, 0u);
+    EXPECT_EQ(overfull, 0u);
+    EXPECT_EQ(expected, endSample);
+    ExpectEmpty(buf);
+}
