@@ -1,19 +1,19 @@
 #include "harness/jack_probe.h"
 
-bool JackProbe::Open(const std::string& serverName)
+jack_client_t* JackProbe::Connect() const
 {
-    Close();
     jack_status_t status;
-    m_pClient = jack_client_open("zp_probe", static_cast<jack_options_t>(JackNoStartServer | JackServerName),
-                                 &status, serverName.c_str());
-    return m_pClient != nullptr;
+    return jack_client_open("zp_probe", static_cast<jack_options_t>(JackNoStartServer | JackServerName), &status,
+                            m_ServerName.c_str());
 }
 
-void JackProbe::Close()
+bool JackProbe::Open(const std::string& serverName)
 {
-    if (m_pClient)
-        jack_client_close(m_pClient);
-    m_pClient = nullptr;
+    m_ServerName = serverName;
+    jack_client_t* client = Connect();
+    if (client)
+        jack_client_close(client);
+    return client != nullptr;
 }
 
 static std::vector<std::string> TakeList(const char** list)
@@ -29,18 +29,32 @@ static std::vector<std::string> TakeList(const char** list)
 
 std::vector<std::string> JackProbe::Ports(const std::string& pattern, unsigned long flags) const
 {
-    return TakeList(jack_get_ports(m_pClient, pattern.c_str(), nullptr, flags));
+    jack_client_t* client = Connect();
+    if (!client)
+        return {};
+    std::vector<std::string> names = TakeList(jack_get_ports(client, pattern.c_str(), nullptr, flags));
+    jack_client_close(client);
+    return names;
 }
 
 std::vector<std::string> JackProbe::Connections(const std::string& port) const
 {
-    jack_port_t* p = jack_port_by_name(m_pClient, port.c_str());
-    return p ? TakeList(jack_port_get_all_connections(m_pClient, p)) : std::vector<std::string>();
+    jack_client_t* client = Connect();
+    if (!client)
+        return {};
+    jack_port_t* p = jack_port_by_name(client, port.c_str());
+    std::vector<std::string> names = p ? TakeList(jack_port_get_all_connections(client, p)) : std::vector<std::string>();
+    jack_client_close(client);
+    return names;
 }
 
 bool JackProbe::HasClient(const std::string& clientName) const
 {
-    char* uuid = jack_get_uuid_for_client_name(m_pClient, clientName.c_str());
+    jack_client_t* client = Connect();
+    if (!client)
+        return false;
+    char* uuid = jack_get_uuid_for_client_name(client, clientName.c_str());
+    jack_client_close(client);
     if (!uuid)
         return false;
     jack_free(uuid);

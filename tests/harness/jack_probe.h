@@ -1,5 +1,7 @@
 // A plain JACK client in the test process, to look at the ports and
-// connections the server's modules made.
+// connections the server's modules made. Each query opens a client of its
+// own and closes it again: an idle client kept open while the server's
+// modules come and go by the hundred can hang libjack's close.
 #pragma once
 
 #include <jack/jack.h>
@@ -9,13 +11,8 @@
 
 class JackProbe {
 public:
-    JackProbe() = default;
-    ~JackProbe() { Close(); }
-    JackProbe(const JackProbe&) = delete;
-    JackProbe& operator=(const JackProbe&) = delete;
-
+    // Only remembers the server; false when no client can be opened there.
     bool Open(const std::string& serverName);
-    void Close();
 
     // Full names of the ports whose names match the pattern (a regular
     // expression, as JACK takes it) and carry all of flags, in server order.
@@ -25,5 +22,7 @@ public:
     bool HasClient(const std::string& clientName) const;
 
 private:
-    jack_client_t* m_pClient = nullptr;
+    jack_client_t* Connect() const;
+
+    std::string m_ServerName;
 };

@@ -89,11 +89,6 @@ protected:
         ServerTest::SetUp();
         ASSERT_TRUE(m_Probe.Open(s_pJack->Name()));
     }
-    void TearDown() override
-    {
-        m_Probe.Close();
-        ServerTest::TearDown();
-    }
     int Cmd(enumZorPlayType type, enumZorPlayCmd cmd, int slot, const void* payload = nullptr, size_t len = 0)
     {
         return m_Client.Call(type, cmd, slot, payload, len);
