@@ -293,7 +293,9 @@ protected:
     int ProcessMember(unsigned int nframes) override;
     void PrepareCompletionMsg(bool bRoll) override;
     bool InstallCallbacks() override;
+    // The callback's work on one period of port samples (one pointer per
+    // channel), apart from fetching the port buffers from JACK.
+    void RecordPeriod(const float* const* ports, unsigned nframes);
 
-private:
     CRecFileHandler m_RecFileHandler;
 };

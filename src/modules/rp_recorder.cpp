@@ -48,20 +48,27 @@ bool CRecorder::InstallCallbacks()
 int CRecorder::ProcessMember(unsigned int nframes)
 {
     MeasureProcessDelta(s_nRecorderPrevMs, "Recorder process delta %d mSec\r\n");
-
+    // Nothing is recorded and nothing posted outside Running.
+    if (GetState() != eStateRunning)
+        return 0;
     const float* ports[kMaxModuleChannels];
+    for (unsigned c = 0; c < m_nChannels; ++c)
+        ports[c] = static_cast<const float*>(jack_port_get_buffer(m_pPorts[c], nframes));
+    RecordPeriod(ports, nframes);
+    return 0;
+}
+
+void CRecorder::RecordPeriod(const float* const* ports, unsigned nframes)
+{
     // The stop step waits at this gate, so a period that saw Running has
     // been written and its token posted before the stop's own token.
     if (!m_StateGate.Enter())
-        return 0;
+        return;
     if (GetState() != eStateRunning) {
         m_StateGate.Leave();
-        return 0;
+        return;
     }
     CZPBuffer* buffer = m_RecFileHandler.GetRTBufferP();
-    for (unsigned c = 0; c < m_nChannels; ++c)
-        ports[c] = static_cast<const float*>(jack_port_get_buffer(m_pPorts[c], nframes));
-
     const unsigned writable = buffer->GetWritableFrames();
     RaiseTo(m_nPeakBufferFrames, buffer->GetReadableFrames());
     unsigned frames = nframes;
@@ -76,7 +83,6 @@ int CRecorder::ProcessMember(unsigned int nframes)
             buffer->WriteSingle(ports[c][f]);
     SendRTRequest(eInternalService);
     m_StateGate.Leave();
-    return 0;
 }
 
 void CRecorder::ServiceBuffer()
