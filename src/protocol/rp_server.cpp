@@ -36,9 +36,12 @@ CRPServer::~CRPServer()
     SerialLog(eLogCreation, "~Destructing RP server\r\n");
     if (m_nTimerFD >= 0)
         close(m_nTimerFD);
-    if (m_nSocketFD >= 0)
+    // Only a server that bound the path removes it: one that never got that
+    // far must not take away another process's socket.
+    if (m_nSocketFD >= 0) {
         close(m_nSocketFD);
-    unlink(kServerSocketPath);
+        unlink(kServerSocketPath);
+    }
     pthread_mutex_destroy(&m_AsyncLock);
 }
 
