@@ -2,14 +2,18 @@
 
 #include "protocol/rp_server.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
+#include <mqueue.h>
 #include <poll.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -32,6 +36,58 @@ bool FileExists(const std::string& path)
 {
     struct stat st;
     return stat(path.c_str(), &st) == 0;
+}
+
+namespace {
+
+// Names in a folder, without "." and "..", or false when it cannot be read.
+bool FolderEntries(const std::string& dir, std::vector<std::string>& names)
+{
+    DIR* d = opendir(dir.c_str());
+    if (!d)
+        return false;
+    names.clear();
+    while (dirent* e = readdir(d))
+        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
+            names.push_back(e->d_name);
+    closedir(d);
+    return true;
+}
+
+int ProcEntryCount(pid_t pid, const char* what)
+{
+    std::vector<std::string> names;
+    if (!FolderEntries("/proc/" + std::to_string(pid) + "/" + what, names))
+        return -1;
+    return static_cast<int>(names.size());
+}
+
+} // namespace
+
+int ThreadCount(pid_t pid) { return ProcEntryCount(pid, "task"); }
+
+int DescriptorCount(pid_t pid) { return ProcEntryCount(pid, "fd"); }
+
+bool ListMessageQueues(std::vector<std::string>& names)
+{
+    // A queue of our own shows whether /dev/mqueue holds this process's queue
+    // namespace; it may be unmounted, or mounted for another IPC namespace.
+    const std::string probe = "zp_listing_probe_" + std::to_string(getpid());
+    const mqd_t q = mq_open(("/" + probe).c_str(), O_RDONLY | O_CREAT, 0600, nullptr);
+    if (q == static_cast<mqd_t>(-1))
+        return false;
+    auto shown = [&] {
+        return FolderEntries("/dev/mqueue", names) && std::find(names.begin(), names.end(), probe) != names.end();
+    };
+    bool ok = shown();
+    if (!ok) {
+        mkdir("/dev/mqueue", 0755);
+        ok = mount("none", "/dev/mqueue", "mqueue", 0, nullptr) == 0 && shown();
+    }
+    mq_close(q);
+    mq_unlink(("/" + probe).c_str());
+    names.erase(std::remove(names.begin(), names.end(), probe), names.end());
+    return ok;
 }
 
 ChildProcess::~ChildProcess()

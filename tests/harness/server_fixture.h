@@ -101,6 +101,15 @@ bool WaitUntil(Cond cond, int timeoutMs)
 
 bool FileExists(const std::string& path);
 
+// Threads and open descriptors of a process (entries of /proc/<pid>/task
+// and /proc/<pid>/fd); -1 when the process is gone.
+int ThreadCount(pid_t pid);
+int DescriptorCount(pid_t pid);
+// Names in the message-queue filesystem, mounting it on /dev/mqueue first
+// when it does not show this process's queues; false when they cannot be
+// looked at.
+bool ListMessageQueues(std::vector<std::string>& names);
+
 // One JACK server for the whole suite; one zor_play and one bound client per
 // test. Suites override ServerArgs() to pass options.
 class ServerTest : public ::testing::Test {

@@ -1,0 +1,284 @@
+// Modules against JACK servers of other shapes than the usual 8 + 8 ports:
+// port runs counted per direction, a server without system ports, the module
+// table, and what live and failed modules leave in the system.
+#include <algorithm>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "harness/jack_probe.h"
+#include "harness/server_fixture.h"
+#include "protocol/rp_server.h"
+
+namespace {
+
+constexpr enumZorPlayType kRec = eZorPlayRecorder;
+constexpr enumZorPlayType kPlay = eZorPlayPlayer;
+
+const char kPortCountLine[] =
+    "Port number exceeds available JACK ports. Reduce num channels or first port number (offset).\n";
+
+using Names = std::vector<std::string>;
+
+Names Sorted(Names names)
+{
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// The three queue names a module would have: "/MQ<token><name base>-<slot>".
+Names QueueNamesOf(enumZorPlayType type, int slot)
+{
+    Names names;
+    for (const char* token : {"MQCommand", "MQResponse", "MQInternal"})
+        names.push_back(std::string(token) + (type == kPlay ? "Player" : "Recorder") + "-" + std::to_string(slot));
+    return names;
+}
+
+// Lowers the system's limit on messages per queue for its lifetime and puts
+// the old value back, also when the test fails half-way.
+class QueueDepthLimit {
+public:
+    explicit QueueDepthLimit(unsigned limit) : m_nSaved(Read()) { m_bSet = m_nSaved != 0 && Write(limit); }
+    ~QueueDepthLimit()
+    {
+        if (m_bSet)
+            Write(m_nSaved);
+    }
+    bool IsSet() const { return m_bSet; }
+
+private:
+    static const char* Path() { return "/proc/sys/fs/mqueue/msg_max"; }
+    static unsigned Read()
+    {
+        unsigned v = 0;
+        std::ifstream(Path()) >> v;
+        return v;
+    }
+    static bool Write(unsigned v)
+    {
+        {
+            std::ofstream f(Path());
+            f << v;
+        }
+        return Read() == v;
+    }
+
+    unsigned m_nSaved;
+    bool m_bSet = false;
+};
+
+// Each test brings up its own dummy server with the port counts it needs,
+// and zor_play against it.
+class ModulesOnTheirOwnServer : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(m_Client.Open()); }
+    void TearDown() override
+    {
+        if (m_Server.Running()) {
+            EXPECT_EQ(m_Server.Stop(), 0) << m_Server.Output();
+        }
+        m_Client.Close();
+    }
+
+    void StartJack(unsigned capturePorts, unsigned playbackPorts)
+    {
+        ASSERT_TRUE(m_Jack.Start(capturePorts, playbackPorts)) << "could not start a dummy jackd";
+        ASSERT_TRUE(m_Probe.Open(m_Jack.Name()));
+    }
+    void StartZorPlay(const std::vector<std::string>& args = {})
+    {
+        ASSERT_TRUE(m_Server.Start(args, m_Jack.Name()));
+        ASSERT_TRUE(WaitUntil(
+            [&] {
+                return m_Server.Running() && FileExists(kServerSocketPath) &&
+                       m_Client.Call(kRec, eCmdHello, 0, nullptr, 0, 200) == eResultSuccess;
+            },
+            15000))
+            << m_Server.Output();
+    }
+
+    int Create(enumZorPlayType type, int slot, int channels, int offset)
+    {
+        structAddModule add = {channels, offset};
+        return m_Client.Call(type, eCmdCreate, slot, &add, sizeof(add));
+    }
+    int Cmd(enumZorPlayType type, enumZorPlayCmd cmd, int slot) { return m_Client.Call(type, cmd, slot); }
+
+    // The answer of a request, and the text it printed after mark.
+    ::testing::AssertionResult Prints(int answer, int expected, const std::string& text, size_t mark)
+    {
+        if (answer != expected)
+            return ::testing::AssertionFailure() << "answer " << answer << ", expected " << expected;
+        if (!WaitUntil([&] { return m_Server.OutputSince(mark).find(text) != std::string::npos; }, 5000))
+            return ::testing::AssertionFailure() << "no \"" << text << "\" in:\n" << m_Server.OutputSince(mark);
+        return ::testing::AssertionSuccess();
+    }
+
+    bool NoModuleClients() const { return m_Probe.Ports("^(Player|Recorder)[0-9]").empty(); }
+
+    JackServer m_Jack;
+    JackProbe m_Probe;
+    ZorPlayProcess m_Server;
+    ProtocolClient m_Client;
+};
+
+TEST_F(ModulesOnTheirOwnServer, EachKindCountsTheSystemPortsOfItsDirection)
+{
+    StartJack(2, 4);
+    StartZorPlay();
+    const Names playback = m_Probe.Ports("system", JackPortIsInput);
+    const Names capture = m_Probe.Ports("system", JackPortIsOutput);
+    ASSERT_EQ(playback.size(), 4u);
+    ASSERT_EQ(capture.size(), 2u);
+
+    // Two channels from offset 1: the second and third playback ports.
+    ASSERT_EQ(Create(kPlay, 0, 2, 1), eResultSuccess);
+    EXPECT_EQ(m_Probe.Connections("Player000:output1"), Names{playback[1]});
+    EXPECT_EQ(m_Probe.Connections("Player000:output2"), Names{playback[2]});
+    // A run ending on the last port fits, and overlapping runs share a port.
+    ASSERT_EQ(Create(kPlay, 1, 2, 2), eResultSuccess);
+    EXPECT_EQ(Sorted(m_Probe.Connections(playback[2])), Sorted({"Player000:output2", "Player001:output1"}));
+    EXPECT_EQ(m_Probe.Connections("Player001:output2"), Names{playback[3]});
+
+    // Recorders go by the two capture ports, not by the four playback ones.
+    ASSERT_EQ(Create(kRec, 0, 2, 0), eResultSuccess);
+    EXPECT_EQ(m_Probe.Connections("Recorder000:input1"), Names{capture[0]});
+    EXPECT_EQ(m_Probe.Connections("Recorder000:input2"), Names{capture[1]});
+    size_t mark = m_Server.OutputSize();
+    EXPECT_TRUE(Prints(Create(kRec, 1, 1, 2), eResultNoConnect, kPortCountLine, mark));
+    mark = m_Server.OutputSize();
+    EXPECT_TRUE(Prints(Create(kPlay, 2, 1, 4), eResultNoConnect, kPortCountLine, mark));
+    EXPECT_TRUE(WaitUntil([&] { return !m_Probe.HasClient("Recorder001") && !m_Probe.HasClient("Player002"); }, 5000));
+    EXPECT_EQ(Cmd(kRec, eCmdStop, 1), eResultSlotEmpty);
+    EXPECT_EQ(Cmd(kPlay, eCmdStop, 2), eResultSlotEmpty);
+
+    // A deleted module's client is gone by the answer: the slot takes a new
+    // module under the same client name at once.
+    ASSERT_EQ(Cmd(kPlay, eCmdDelete, 0), eResultSuccess);
+    ASSERT_EQ(Create(kPlay, 0, 1, 3), eResultSuccess);
+    EXPECT_EQ(m_Probe.Ports("^Player000"), Names{"Player000:output1"});
+    EXPECT_EQ(m_Probe.Connections("Player000:output1"), Names{playback[3]});
+    EXPECT_EQ(m_Probe.Connections(playback[1]), Names{});
+}
+
+TEST_F(ModulesOnTheirOwnServer, AServerWithoutSystemPortsTakesModulesOnlyUnconnected)
+{
+    StartJack(0, 0);
+    StartZorPlay();
+    for (enumZorPlayType type : {kPlay, kRec}) {
+        const size_t mark = m_Server.OutputSize();
+        EXPECT_TRUE(Prints(Create(type, 0, 1, 0), eResultNoSystemPorts, "No system ports found at init.\r\n", mark));
+        EXPECT_EQ(Cmd(type, eCmdStart, 0), eResultSlotEmpty);
+    }
+    EXPECT_TRUE(WaitUntil([&] { return NoModuleClients(); }, 5000));
+    EXPECT_EQ(m_Server.Stop(), 0) << m_Server.Output();
+
+    // With -nc no system port is looked up: both kinds reach Idle, their
+    // ports exist and nothing is connected to them.
+    StartZorPlay({"-nc"});
+    ASSERT_EQ(Create(kPlay, 0, 2, 8), eResultSuccess);
+    ASSERT_EQ(Create(kRec, 7, 1, 0), eResultSuccess);
+    EXPECT_EQ(m_Probe.Ports("^Player000:"), (Names{"Player000:output1", "Player000:output2"}));
+    EXPECT_EQ(m_Probe.Ports("^Recorder007:"), Names{"Recorder007:input1"});
+    for (const std::string& port : m_Probe.Ports("^(Player000|Recorder007):"))
+        EXPECT_EQ(m_Probe.Connections(port), Names{}) << port;
+    const size_t mark = m_Server.OutputSize();
+    EXPECT_TRUE(Prints(Cmd(kRec, eCmdHello, 1), eResultSuccess,
+                       "\t[7]:  Recorder007 is Idle, Channels: 1, Offset: 0, filename: , file progress: %0\r\n"
+                       "Players:\r\n"
+                       "\t[0]:    Player000 is Idle, Channels: 2, Offset: 8, filename: , file progress: %0\r\n",
+                       mark));
+}
+
+TEST_F(ModulesOnTheirOwnServer, LiveModulesShowInTheDisplaysButLeaveNoQueueName)
+{
+    StartJack(8, 8);
+    StartZorPlay();
+    ASSERT_EQ(Create(kRec, 1, 2, 3), eResultSuccess);
+    ASSERT_EQ(Create(kPlay, 1, 1, 7), eResultSuccess);
+    ASSERT_EQ(Create(kPlay, 6, 8, 0), eResultSuccess);
+
+    std::string table = "*****************************************\r\nRecorders:\r\n";
+    for (int slot = 0; slot < kMaxModuleSlots; ++slot)
+        table += slot == 1 ? "\t[1]:  Recorder001 is Idle, Channels: 2, Offset: 3, filename: , file progress: %0\r\n"
+                           : "\t[" + std::to_string(slot) + "]: is empty.\r\n";
+    table += "Players:\r\n";
+    for (int slot = 0; slot < kMaxModuleSlots; ++slot) {
+        if (slot == 1)
+            table += "\t[1]:    Player001 is Idle, Channels: 1, Offset: 7, filename: , file progress: %0\r\n";
+        else if (slot == 6)
+            table += "\t[6]:    Player006 is Idle, Channels: 8, Offset: 0, filename: , file progress: %0\r\n";
+        else
+            table += "\t[" + std::to_string(slot) + "]: is empty.\r\n";
+    }
+    size_t mark = m_Server.OutputSize();
+    EXPECT_TRUE(Prints(Cmd(kPlay, eCmdHello, 1), eResultSuccess, table, mark));
+
+    mark = m_Server.OutputSize();
+    EXPECT_TRUE(Prints(Cmd(kPlay, eCmdQueryStatus, 6), eResultSuccess,
+                       "\r\n***** Slot 6 Debug Info *****\r\nType: Player, State: Idle\r\n"
+                       "Jack Details: Rate 48000, buffer sz 1024\r\nPort Progress 0 of 0\r\n",
+                       mark));
+
+    // The queues are unlinked as soon as they are open: while the modules
+    // live and answer, none of their names is in the system.
+    Names queues;
+    if (!ListMessageQueues(queues))
+        GTEST_SKIP() << "the message-queue filesystem cannot be mounted here, so queue names cannot be listed";
+    EXPECT_EQ(Cmd(kRec, eCmdStop, 1), eResultNotRunning);
+    for (const auto& [type, slot] : {std::pair{kRec, 1}, std::pair{kPlay, 1}, std::pair{kPlay, 6}})
+        for (const std::string& name : QueueNamesOf(type, slot))
+            EXPECT_EQ(std::count(queues.begin(), queues.end(), name), 0) << "queue left in the system: " << name;
+}
+
+TEST_F(ModulesOnTheirOwnServer, FailedCreationsLeaveNoThreadDescriptorClientOrQueue)
+{
+    StartJack(8, 8);
+    StartZorPlay();
+    // A first module brings in what the JACK library keeps for the process.
+    ASSERT_EQ(Create(kRec, 0, 1, 0), eResultSuccess);
+    ASSERT_EQ(Cmd(kRec, eCmdDelete, 0), eResultSuccess);
+    const pid_t pid = m_Server.Pid();
+    const int threads = ThreadCount(pid);
+    const int fds = DescriptorCount(pid);
+    auto leftovers = [&] {
+        return ::testing::Message() << ThreadCount(pid) << " threads (" << threads << " before), "
+                                    << DescriptorCount(pid) << " descriptors (" << fds << " before)";
+    };
+
+    // Offset 8 fails at the last step, with the worker running and the
+    // client active.
+    for (int i = 0; i < 10; ++i)
+        ASSERT_EQ(Create(i % 2 ? kPlay : kRec, i % kMaxModuleSlots, 1, 8), eResultNoConnect) << "attempt " << i;
+    EXPECT_TRUE(WaitUntil([&] { return ThreadCount(pid) == threads && DescriptorCount(pid) == fds; }, 5000))
+        << leftovers();
+    EXPECT_TRUE(WaitUntil([&] { return NoModuleClients(); }, 5000));
+
+    // A queue depth limit below 200 fails at the internal queue, with two
+    // queues open already.
+    int answer = -1;
+    {
+        QueueDepthLimit limit(10);
+        if (!limit.IsSet())
+            GTEST_SKIP() << "/proc/sys/fs/mqueue/msg_max cannot be lowered here";
+        answer = Create(kPlay, 4, 2, 0);
+    }
+    EXPECT_EQ(answer, eResultNoMsgQueue);
+    EXPECT_TRUE(m_Server.WaitForOutput("Couldn't create queue named /MQInternalPlayer-4: err: 22 Invalid argument\r\n"
+                                       "Is /proc/sys/fs/mqueue/msg_max large enough?\r\n",
+                                       5000))
+        << m_Server.Output();
+    EXPECT_TRUE(WaitUntil([&] { return ThreadCount(pid) == threads && DescriptorCount(pid) == fds; }, 5000))
+        << leftovers();
+    EXPECT_TRUE(WaitUntil([&] { return NoModuleClients(); }, 5000));
+    EXPECT_EQ(Cmd(kPlay, eCmdStart, 4), eResultSlotEmpty);
+
+    Names queues;
+    if (!ListMessageQueues(queues))
+        GTEST_SKIP() << "the message-queue filesystem cannot be mounted here, so queue names cannot be listed";
+    for (const std::string& name : QueueNamesOf(kPlay, 4))
+        EXPECT_EQ(std::count(queues.begin(), queues.end(), name), 0) << "queue left in the system: " << name;
+}
+
+} // namespace
