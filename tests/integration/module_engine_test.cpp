@@ -1,13 +1,9 @@
 // Modules on a real JACK server, driven over the socket: slots, argument
-// checks, JACK client and port names, connections, the base state machine,
-// displays, failures at creation, and teardown without leftovers.
-#include <dirent.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-
+// checks, JACK client names, the base state machine, displays, creation
+// without a server, and teardown without leftovers. Port runs, servers of
+// other shapes and failed creations are in modules_jack_test.cpp.
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <string>
 
 #include "harness/jack_probe.h"
@@ -29,57 +25,6 @@ int Create(ProtocolClient& client, enumZorPlayType type, int slot, int channels,
 {
     structAddModule add = {channels, offset};
     return client.Call(type, eCmdCreate, slot, &add, sizeof(add));
-}
-
-// Entries of a /proc folder (threads, descriptors) of a process.
-int CountEntries(const std::string& dir)
-{
-    int n = 0;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d))
-            if (e->d_name[0] != '.')
-                ++n;
-        closedir(d);
-    }
-    return n;
-}
-
-// Names in the message-queue filesystem, mounting it when it is not.
-bool QueueNames(std::vector<std::string>& names)
-{
-    bool mounted = false;
-    std::ifstream mounts("/proc/mounts");
-    for (std::string line; std::getline(mounts, line);)
-        mounted = mounted || line.find(" /dev/mqueue mqueue ") != std::string::npos;
-    if (!mounted) {
-        mkdir("/dev/mqueue", 0755);
-        if (mount("none", "/dev/mqueue", "mqueue", 0, nullptr) != 0)
-            return false;
-    }
-    DIR* d = opendir("/dev/mqueue");
-    if (!d)
-        return false;
-    names.clear();
-    while (dirent* e = readdir(d))
-        if (e->d_name[0] != '.')
-            names.push_back(e->d_name);
-    closedir(d);
-    return true;
-}
-
-unsigned ReadMsgMax()
-{
-    unsigned v = 0;
-    std::ifstream("/proc/sys/fs/mqueue/msg_max") >> v;
-    return v;
-}
-
-bool WriteMsgMax(unsigned v)
-{
-    std::ofstream f("/proc/sys/fs/mqueue/msg_max");
-    f << v;
-    f.close();
-    return ReadMsgMax() == v;
 }
 
 class ModuleEngine : public ServerTest {
@@ -173,35 +118,6 @@ TEST_F(ModuleEngine, CreateChecksItsArgumentsInOrder)
     EXPECT_EQ(Create(m_Client, kPlay, 1, 1, 8), eResultNoConnect);
 }
 
-TEST_F(ModuleEngine, PortsAreNamedAndConnectedFromTheOffset)
-{
-    const std::vector<std::string> playback = m_Probe.Ports("system", JackPortIsInput);
-    const std::vector<std::string> capture = m_Probe.Ports("system", JackPortIsOutput);
-    ASSERT_EQ(playback.size(), 8u);
-    ASSERT_EQ(capture.size(), 8u);
-
-    ASSERT_EQ(Create(m_Client, kPlay, 1, 2, 1), eResultSuccess);
-    ASSERT_EQ(Create(m_Client, kRec, 2, 3, 5), eResultSuccess);
-    EXPECT_EQ(m_Probe.Ports("^Player001:"), (std::vector<std::string>{"Player001:output1", "Player001:output2"}));
-    for (int k = 0; k < 2; ++k)
-        EXPECT_EQ(m_Probe.Connections("Player001:output" + std::to_string(k + 1)),
-                  std::vector<std::string>{playback[1 + k]});
-    for (int k = 0; k < 3; ++k)
-        EXPECT_EQ(m_Probe.Connections("Recorder002:input" + std::to_string(k + 1)),
-                  std::vector<std::string>{capture[5 + k]});
-
-    // Channels + offset equal to the port count fits; one more does not, and
-    // the slot stays empty for a later create with the same client name.
-    size_t mark = m_Server.OutputSize();
-    EXPECT_TRUE(Prints(Create(m_Client, kPlay, 3, 2, 7), eResultNoConnect,
-                       "Port number exceeds available JACK ports. Reduce num channels or first port number "
-                       "(offset).\n",
-                       mark));
-    EXPECT_TRUE(WaitUntil([&] { return !m_Probe.HasClient("Player003"); }, 5000));
-    EXPECT_EQ(Create(m_Client, kPlay, 3, 2, 6), eResultSuccess);
-    EXPECT_EQ(m_Probe.Connections("Player003:output2"), std::vector<std::string>{playback[7]});
-}
-
 TEST_F(ModuleEngine, TheBaseStateMachineAnswersOverTheSocket)
 {
     ASSERT_EQ(Create(m_Client, kRec, 0, 2, 0), eResultSuccess);
@@ -248,23 +164,23 @@ TEST_F(ModuleEngine, TheBaseStateMachineAnswersOverTheSocket)
 
 TEST_F(ModuleEngine, ManyCreateDeleteCyclesLeaveNothingBehind)
 {
-    const std::string proc = "/proc/" + std::to_string(m_Server.Pid());
+    const pid_t pid = m_Server.Pid();
     // One module first, so that libjack's own threads and descriptors of a
     // first client are in the baseline.
     ASSERT_EQ(Create(m_Client, kRec, 7, 1, 0), eResultSuccess);
-    const int threads = CountEntries(proc + "/task");
-    const int fds = CountEntries(proc + "/fd");
+    const int threads = ThreadCount(pid);
+    const int fds = DescriptorCount(pid);
     for (int i = 0; i < 200; ++i) {
         const enumZorPlayType type = i % 2 ? kPlay : kRec;
         ASSERT_EQ(Create(m_Client, type, i % 7, 2, i % 7), eResultSuccess) << "cycle " << i;
         ASSERT_EQ(Cmd(type, eCmdDelete, i % 7), eResultSuccess) << "cycle " << i;
     }
-    EXPECT_TRUE(WaitUntil([&] { return CountEntries(proc + "/task") == threads; }, 5000))
-        << CountEntries(proc + "/task") << " threads, " << threads << " before";
-    EXPECT_EQ(CountEntries(proc + "/fd"), fds);
+    EXPECT_TRUE(WaitUntil([&] { return ThreadCount(pid) == threads; }, 5000))
+        << ThreadCount(pid) << " threads, " << threads << " before";
+    EXPECT_EQ(DescriptorCount(pid), fds);
 
     std::vector<std::string> queues;
-    if (!QueueNames(queues))
+    if (!ListMessageQueues(queues))
         GTEST_SKIP() << "the message-queue filesystem cannot be mounted here";
     for (const std::string& q : queues)
         EXPECT_EQ(q.find("MQ"), std::string::npos) << "queue left in the system: " << q;
@@ -341,30 +257,6 @@ TEST_F(ModuleCreationFailures, NoJackServerAnswers14UntilOneIsUp)
     ASSERT_TRUE(jack.Start(8, 8, name));
     EXPECT_EQ(Create(m_Client, kPlay, 0, 1, 0), eResultSuccess);
     EXPECT_EQ(m_Server.Stop(), 0) << m_Server.Output();
-}
-
-TEST_F(ModuleCreationFailures, AQueueDepthLimitBelow200Answers31)
-{
-    JackServer jack;
-    ASSERT_TRUE(jack.Start());
-    StartServer(jack.Name());
-    const unsigned saved = ReadMsgMax();
-    if (!WriteMsgMax(10))
-        GTEST_SKIP() << "/proc/sys/fs/mqueue/msg_max cannot be changed here";
-    const int answer = Create(m_Client, kRec, 2, 1, 0);
-    const bool restored = WriteMsgMax(saved);
-    ASSERT_TRUE(restored) << "msg_max left at 10; restore it to " << saved;
-
-    EXPECT_EQ(answer, eResultNoMsgQueue);
-    EXPECT_TRUE(m_Server.WaitForOutput("Couldn't create queue named /MQInternalRecorder-2: err: 22 Invalid argument\r\n"
-                                       "Is /proc/sys/fs/mqueue/msg_max large enough?\r\n",
-                                       5000))
-        << m_Server.Output();
-    JackProbe probe;
-    ASSERT_TRUE(probe.Open(jack.Name()));
-    EXPECT_TRUE(WaitUntil([&] { return !probe.HasClient("Recorder002"); }, 5000));
-    EXPECT_EQ(m_Client.Call(kRec, eCmdStart, 2), eResultSlotEmpty);
-    EXPECT_EQ(Create(m_Client, kRec, 2, 1, 0), eResultSuccess) << "with the limit back, the slot takes a module";
 }
 
 } // namespace
