@@ -1,6 +1,7 @@
 // Sample-rate conversion between two ring buffers with libsamplerate.
 #include "audio/src.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "app/logging.h"
@@ -11,7 +12,12 @@ namespace {
 constexpr int kMaxPasses = 4;
 }
 
-CSRCWrapper::CSRCWrapper(int channels, double ratio) : m_dRatio(ratio), m_pSrcState(nullptr)
+CSRCWrapper::CSRCWrapper(int channels, double ratio)
+    : m_dRatio(ratio),
+      m_pSrcState(nullptr),
+      m_nChannels(static_cast<unsigned>(std::max(channels, 1))),
+      m_pLonePair(new float[2 * m_nChannels]()),
+      m_bConsumedAny(false)
 {
     int error = 0;
     m_pSrcState = src_new(SRC_LINEAR, channels, &error);
@@ -26,6 +32,7 @@ CSRCWrapper::~CSRCWrapper()
     if (m_pSrcState != nullptr)
         src_delete(m_pSrcState);
     m_pSrcState = nullptr;
+    delete[] m_pLonePair;
 }
 
 void CSRCWrapper::SetRatio(double ratio)
@@ -44,17 +51,6 @@ bool CSRCWrapper::PerformSRC(CZPBuffer* in, CZPBuffer* out)
     for (int pass = 0; pass < kMaxPasses; ++pass) {
         if (writeInfo.m_nFirstFrames == 0 || readInfo.m_nFirstFrames == 0)
             return true;
-        // The linear converter, handed exactly one input frame, interpolates
-        // from the memory just before data_in instead of from the frame it
-        // kept from the previous call. Inside the ring that memory is the
-        // frame just before the read cursor: the frame consumed last, which
-        // the producer never overwrites (one frame is always kept free). At
-        // the array start it lies outside the array, so a lone frame with
-        // nothing after it waits for more input. A lone frame at the array
-        // end with more data at the start is safe and is converted.
-        if (readInfo.m_nFirstFrames == 1 && readInfo.m_nSecondFrames == 0)
-            return true;
-
         SRC_DATA data;
         data.data_in = readInfo.m_pFirst;
         data.data_out = writeInfo.m_pFirst;
@@ -64,6 +60,14 @@ bool CSRCWrapper::PerformSRC(CZPBuffer* in, CZPBuffer* out)
         data.output_frames_gen = 0;
         data.end_of_input = 0;
         data.src_ratio = m_dRatio;
+        if (readInfo.m_nFirstFrames == 1) {
+            float* lone = m_pLonePair + m_nChannels;
+            std::copy_n(readInfo.m_pFirst, m_nChannels, lone);
+            // Before anything was consumed the converter starts on this frame.
+            if (!m_bConsumedAny)
+                std::copy_n(lone, m_nChannels, m_pLonePair);
+            data.data_in = lone;
+        }
 
         SerialLog(eLogRuntime, "SRC Ratio %f\r\n", m_dRatio);
         const int error = src_process(m_pSrcState, &data);
@@ -74,6 +78,11 @@ bool CSRCWrapper::PerformSRC(CZPBuffer* in, CZPBuffer* out)
         SerialLog(eLogRuntime, "SRC: input frames consumed:%ld, output frames resulting:%ld \r\n",
                   data.input_frames_used, data.output_frames_gen);
 
+        if (data.input_frames_used > 0) {
+            std::copy_n(data.data_in + (data.input_frames_used - 1) * m_nChannels, m_nChannels,
+                        m_pLonePair);
+            m_bConsumedAny = true;
+        }
         in->ReadAdvance(static_cast<unsigned>(data.input_frames_used));
         out->WriteAdvance(static_cast<unsigned>(data.output_frames_gen));
         in->GetReadInfo(readInfo);

@@ -26,7 +26,6 @@ public:
     // first regions (a wrap of either buffer is taken by the next pass). Both
     // buffers must have the converter's channel count. False only when the
     // library reports an error; passes before the failing one stay applied.
-    // A single readable frame with nothing after it is left for a later call.
     // The converter is never reset and never told the input has ended, so its
     // history carries over from call to call and from file to file.
     bool PerformSRC(CZPBuffer* in, CZPBuffer* out);
@@ -34,4 +33,13 @@ public:
 private:
     double m_dRatio;          // worker thread only
     SRC_STATE* m_pSrcState;   // worker thread only; null when creation failed
+    // libsamplerate's linear converter, handed exactly one input frame, reads
+    // the memory just before it where it should use the frame it kept from the
+    // previous call; at the start of a ring buffer's array that memory is not
+    // the buffer's. A lone frame is therefore copied into the second half of
+    // this pair, behind a copy of the last frame the converter consumed. All
+    // three are the worker thread's alone.
+    const unsigned m_nChannels;
+    float* const m_pLonePair;   // 2 frames, allocated once
+    bool m_bConsumedAny;        // the pair's first frame holds a consumed frame
 };

@@ -76,14 +76,21 @@ unsigned Consume(CZPBuffer& buf, unsigned channels, uint32_t& expected, unsigned
     return k1 + k2;
 }
 
+void ExpectRegions(const CBufInfo& info, const float* first, unsigned firstFrames, const float* second,
+                   unsigned secondFrames)
+{
+    EXPECT_EQ(info.m_pFirst, first);
+    EXPECT_EQ(info.m_nFirstFrames, firstFrames);
+    EXPECT_EQ(info.m_pSecond, second);
+    EXPECT_EQ(info.m_nSecondFrames, secondFrames);
+}
+
 void ExpectEmpty(const CZPBuffer& buf)
 {
     CBufInfo info;
     buf.GetReadInfo(info);
     EXPECT_EQ(buf.GetReadableFrames(), 0u);
-    EXPECT_EQ(info.m_pFirst, nullptr);
-    EXPECT_EQ(info.m_pSecond, nullptr);
-    EXPECT_EQ(info.m_nFirstFrames + info.m_nSecondFrames, 0u);
+    ExpectRegions(info, nullptr, 0, nullptr, 0);
 }
 
 } // namespace
@@ -98,9 +105,7 @@ TEST(ZPBuffer, FullAndEmptyAreNeverConfused)
     EXPECT_EQ(buf.GetTotalFrames(), frames);
     EXPECT_EQ(buf.GetWritableFrames(), frames - 1);
     buf.GetWriteInfo(info);
-    EXPECT_EQ(info.m_pFirst, Base(buf));
-    EXPECT_EQ(info.m_nFirstFrames, frames - 1);
-    EXPECT_EQ(info.m_nSecondFrames, 0u);
+    ExpectRegions(info, Base(buf), frames - 1, Base(buf), 0);
 
     // Fill and drain from every starting position: a full buffer holds
     // frames - 1 frames and offers no region to write into.
@@ -137,63 +142,67 @@ TEST(ZPBuffer, OneFrameBufferNeverAcceptsData)
     EXPECT_EQ(none.GetWritableFrames(), 0u);
 }
 
-TEST(ZPBuffer, BlockRegionsSplitAtTheArrayEndAndAddUp)
-{
-    // 2 channels, 10 frames. Read cursor at frame 5, write cursor at frame 7.
-    CZPBuffer buf(2, 10);
-    float* base = Base(buf);
-    uint32_t next = 0, expected = 0;
-    unsigned errors = 0;
-    Produce(buf, 2, next, UINT32_MAX, 7, false);
-    Consume(buf, 2, expected, 5, false, errors);
+// Two channels, ten frames, carrying the counting sequence.
+class ZPBufferTenFrames : public ::testing::Test {
+protected:
+    unsigned Put(unsigned frames, bool single = false)
+    {
+        return Produce(m_Buf, 2, m_nNext, UINT32_MAX, frames, single);
+    }
+    unsigned Take(unsigned frames) { return Consume(m_Buf, 2, m_nExpected, frames, false, m_nErrors); }
 
+    CZPBuffer m_Buf{2, 10};
+    float* const m_pBase = Base(m_Buf);
+    uint32_t m_nNext = 0;
+    uint32_t m_nExpected = 0;
+    unsigned m_nErrors = 0;
+};
+
+TEST_F(ZPBufferTenFrames, BlockRegionsSplitAtTheArrayEndAndAddUp)
+{
+    Put(7);
+    Take(5);   // read cursor at frame 5, write cursor at frame 7
     CBufInfo info;
-    buf.GetWriteInfo(info);
-    EXPECT_EQ(info.m_pFirst, base + 14);
-    EXPECT_EQ(info.m_nFirstFrames, 3u);
-    EXPECT_EQ(info.m_pSecond, base);
-    EXPECT_EQ(info.m_nSecondFrames, 4u);
-    EXPECT_EQ(info.m_nFirstFrames + info.m_nSecondFrames, buf.GetWritableFrames());
+    m_Buf.GetWriteInfo(info);
+    ExpectRegions(info, m_pBase + 14, 3, m_pBase, 4);
+    EXPECT_EQ(info.m_nFirstFrames + info.m_nSecondFrames, m_Buf.GetWritableFrames());
 
     // Fill both regions, then check raw memory on both sides of the wrap; the
     // frame kept free (frame 4) is left alone.
-    const float keptFree = base[8];
-    EXPECT_EQ(Produce(buf, 2, next, UINT32_MAX, 100, false), 7u);
-    EXPECT_EQ(base[14], 14.0f);
-    EXPECT_EQ(base[19], 19.0f);
-    EXPECT_EQ(base[0], 20.0f);
-    EXPECT_EQ(base[7], 27.0f);
-    EXPECT_EQ(base[8], keptFree);
-    EXPECT_EQ(buf.GetWritableFrames(), 0u);
+    const float keptFree = m_pBase[8];
+    EXPECT_EQ(Put(100), 7u);
+    EXPECT_EQ(m_pBase[14], 14.0f);
+    EXPECT_EQ(m_pBase[19], 19.0f);
+    EXPECT_EQ(m_pBase[0], 20.0f);
+    EXPECT_EQ(m_pBase[7], 27.0f);
+    EXPECT_EQ(m_pBase[8], keptFree);
+    EXPECT_EQ(m_Buf.GetWritableFrames(), 0u);
 
-    buf.GetReadInfo(info);
-    EXPECT_EQ(info.m_pFirst, base + 10);
-    EXPECT_EQ(info.m_nFirstFrames, 5u);
-    EXPECT_EQ(info.m_pSecond, base);
-    EXPECT_EQ(info.m_nSecondFrames, 4u);
-    EXPECT_EQ(info.m_nFirstFrames + info.m_nSecondFrames, buf.GetReadableFrames());
-    EXPECT_EQ(Consume(buf, 2, expected, 100, false, errors), 9u);
-    EXPECT_EQ(errors, 0u);
-    ExpectEmpty(buf);
+    m_Buf.GetReadInfo(info);
+    ExpectRegions(info, m_pBase + 10, 5, m_pBase, 4);
+    EXPECT_EQ(info.m_nFirstFrames + info.m_nSecondFrames, m_Buf.GetReadableFrames());
+    EXPECT_EQ(Take(100), 9u);
+    EXPECT_EQ(m_nErrors, 0u);
+    ExpectEmpty(m_Buf);
+}
 
-    // Writable space ending exactly at the array end: no second region, and
-    // the cursor that reaches the end comes back to the start.
-    buf.Reset();
-    Produce(buf, 2, next, UINT32_MAX, 1, false);
-    Consume(buf, 2, expected, 1, false, errors);
-    Produce(buf, 2, next, UINT32_MAX, 4, false);   // read at frame 1, write at frame 5
-    buf.GetWriteInfo(info);
-    EXPECT_EQ(info.m_nFirstFrames, 5u);
-    EXPECT_EQ(info.m_nSecondFrames, 0u);
-    Produce(buf, 2, next, UINT32_MAX, 5, true);
-    buf.GetReadInfo(info);
-    EXPECT_EQ(info.m_nFirstFrames, 9u);
-    EXPECT_EQ(info.m_pSecond, base);
-    EXPECT_EQ(info.m_nSecondFrames, 0u);
-    EXPECT_EQ(Consume(buf, 2, expected, 100, false, errors), 9u);
-    EXPECT_EQ(errors, 0u);
-    buf.GetWriteInfo(info);
-    EXPECT_EQ(info.m_pFirst, base);
+TEST_F(ZPBufferTenFrames, WritableSpaceEndingAtTheArrayEndHasNoSecondRegion)
+{
+    Put(1);
+    Take(1);
+    Put(4);   // read cursor at frame 1, write cursor at frame 5
+    CBufInfo info;
+    m_Buf.GetWriteInfo(info);
+    ExpectRegions(info, m_pBase + 10, 5, m_pBase, 0);
+
+    // Single samples up to the array end bring the write cursor back to the start.
+    Put(5, true);
+    m_Buf.GetReadInfo(info);
+    ExpectRegions(info, m_pBase + 2, 9, m_pBase, 0);
+    EXPECT_EQ(Take(100), 9u);
+    EXPECT_EQ(m_nErrors, 0u);
+    m_Buf.GetWriteInfo(info);
+    EXPECT_EQ(info.m_pFirst, m_pBase);
 }
 
 TEST(ZPBuffer, OddChannelCountWrapsAtExactCapacity)
@@ -223,58 +232,50 @@ TEST(ZPBuffer, OddChannelCountWrapsAtExactCapacity)
     EXPECT_EQ(errors, 0u);
 }
 
-TEST(ZPBuffer, StuffSilenceFillsExactlyTheWritableFramesAcrossTheWrap)
+TEST_F(ZPBufferTenFrames, StuffSilenceFillsExactlyTheWritableFramesAcrossTheWrap)
 {
-    CZPBuffer buf(2, 10);
-    float* base = Base(buf);
-    uint32_t next = 0, expected = 0;
-    unsigned errors = 0;
-    Produce(buf, 2, next, UINT32_MAX, 7, false);
-    Consume(buf, 2, expected, 7, false, errors);
-    Produce(buf, 2, next, UINT32_MAX, 2, false);   // data in frames 7 and 8
+    Put(7);
+    Take(7);
+    Put(2);                   // data in frames 7 and 8
+    m_Buf.StuffSilence(3);    // frame 9, then frames 0 and 1
+    EXPECT_EQ(m_Buf.GetReadableFrames(), 5u);
+    m_Buf.StuffSilence(100);  // only what is writable
+    EXPECT_EQ(m_Buf.GetWritableFrames(), 0u);
+    EXPECT_EQ(m_Buf.GetReadableFrames(), 9u);
+    EXPECT_EQ(m_pBase[12], 12.0f) << "the frame kept free keeps its old sample";
 
-    buf.StuffSilence(3);                            // frame 9, then frames 0 and 1
-    EXPECT_EQ(buf.GetReadableFrames(), 5u);
-    buf.StuffSilence(100);                          // only what is writable
-    EXPECT_EQ(buf.GetWritableFrames(), 0u);
-    EXPECT_EQ(buf.GetReadableFrames(), 9u);
-    EXPECT_EQ(base[12], 12.0f) << "the frame kept free keeps its old sample";
-
-    EXPECT_EQ(Consume(buf, 2, expected, 2, false, errors), 2u);
-    EXPECT_EQ(errors, 0u);
+    EXPECT_EQ(Take(2), 2u);
+    EXPECT_EQ(m_nErrors, 0u);
     for (unsigned i = 0; i < 7 * 2; ++i)
-        EXPECT_EQ(buf.ReadSingle(), 0.0f) << "silence sample " << i;
-    ExpectEmpty(buf);
+        EXPECT_EQ(m_Buf.ReadSingle(), 0.0f) << "silence sample " << i;
+    ExpectEmpty(m_Buf);
 }
 
-TEST(ZPBuffer, ResetEmptiesABufferHoldingWrappedData)
+TEST_F(ZPBufferTenFrames, ResetEmptiesABufferHoldingWrappedData)
 {
-    CZPBuffer buf(2, 10);
-    uint32_t next = 0, expected = 0;
-    unsigned errors = 0;
-    Produce(buf, 2, next, UINT32_MAX, 8, false);
-    Consume(buf, 2, expected, 6, false, errors);
-    Produce(buf, 2, next, UINT32_MAX, 5, false);
-
-    buf.Reset();
-    ExpectEmpty(buf);
-    EXPECT_EQ(buf.GetWritableFrames(), 9u);
+    Put(8);
+    Take(6);
+    Put(5);
+    m_Buf.Reset();
+    ExpectEmpty(m_Buf);
+    EXPECT_EQ(m_Buf.GetWritableFrames(), 9u);
     CBufInfo info;
-    buf.GetWriteInfo(info);
-    EXPECT_EQ(info.m_pFirst, Base(buf));
-    EXPECT_EQ(info.m_nFirstFrames, 9u);
+    m_Buf.GetWriteInfo(info);
+    ExpectRegions(info, m_pBase, 9, m_pBase, 0);
 }
 
 // One producer and one consumer thread move a long counting sequence through
 // a small buffer in random block and single-sample steps, released together.
-// The consumer must see every sample once, in order. Runs under ThreadSanitizer
-// in the sanitizer build.
+// The consumer must see every sample once, in order. Each side gives up once
+// the other has finished, so a broken buffer fails the test instead of
+// hanging it. Runs under ThreadSanitizer in the sanitizer build.
 TEST(ZPBuffer, ProducerAndConsumerThreadsKeepTheSequence)
 {
     const unsigned channels = 3;
     const uint32_t endSample = channels * 200000;   // exact in a float (< 2^24)
     CZPBuffer buf(channels, 13);
     std::atomic<int> ready{0};
+    std::atomic<bool> producerDone{false}, consumerDone{false};
     auto waitForBoth = [&ready] {
         ready.fetch_add(1);
         while (ready.load() < 2)
@@ -285,10 +286,11 @@ TEST(ZPBuffer, ProducerAndConsumerThreadsKeepTheSequence)
         std::mt19937 rng(1);
         uint32_t next = 0;
         waitForBoth();
-        while (next < endSample) {
+        while (next < endSample && !consumerDone.load()) {
             if (Produce(buf, channels, next, endSample, 1 + rng() % 17, rng() % 2 == 0) == 0)
                 std::this_thread::yield();
         }
+        producerDone.store(true);
     });
 
     std::mt19937 rng(2);
@@ -298,9 +300,13 @@ TEST(ZPBuffer, ProducerAndConsumerThreadsKeepTheSequence)
     waitForBoth();
     while (expected < endSample) {
         overfull += buf.GetReadableFrames() > 12;
-        if (Consume(buf, channels, expected, 1 + rng() % 19, rng() % 2 == 0, errors) == 0)
+        if (Consume(buf, channels, expected, 1 + rng() % 19, rng() % 2 == 0, errors) == 0) {
+            if (producerDone.load() && buf.GetReadableFrames() == 0)
+                break;
             std::this_thread::yield();
+        }
     }
+    consumerDone.store(true);
     producer.join();
 
     EXPECT_EQ(errors, 0u);
