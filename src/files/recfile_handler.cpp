@@ -127,9 +127,6 @@ enumZorPlayResult CRecFileHandler::SetupSecondary(structSetupFile* pSetup)
     // Only the names and the length are taken: the next files get the format
     // of the primary set.
     if (!CopyFilenames(m_szSecondaryNames, pSetup->szFilenames)) {
-        // A refused list prepares nothing: half a set would only fail to
-        // open at the roll-over.
-        ClearFilenames(m_szSecondaryNames);
         puts("can't open record file: filenames appear to be invalid...\r");
         return eResultEmptyFilenames;
     }
