@@ -162,11 +162,15 @@ bool CPlayFile::SeekToAbsTime(unsigned seconds)
     if (sf_seek(m_pSndFile, target, SEEK_SET) != static_cast<sf_count_t>(target))
         return false;
     m_nFramesRead.store(target, std::memory_order_relaxed);
+    // A file read to its end reads again from here; a stale done flag would
+    // let the ports roll past it as soon as its buffer ran dry.
+    m_bDone.store(false, std::memory_order_release);
     return true;
 }
 
 // The file position goes back by the audio read but not yet played. The
-// frames-read count follows the file, so the port position stays right.
+// frames-read count follows the file, so the port position stays right after
+// a wind. Like any seek, it returns a file read to its end to reading.
 void CPlayFile::SeekToPortTime()
 {
     if (!m_pSndFile || !m_pPlayBuffer)
@@ -175,6 +179,7 @@ void CPlayFile::SeekToPortTime()
     const sf_count_t pos = sf_seek(m_pSndFile, -static_cast<sf_count_t>(back), SEEK_CUR);
     if (pos >= 0)
         m_nFramesRead.store(static_cast<uint32_t>(pos), std::memory_order_relaxed);
+    m_bDone.store(false, std::memory_order_release);
 }
 
 unsigned CPlayFile::SlabRead(float* dst, unsigned frames)

@@ -77,6 +77,9 @@ public:
     // The play buffer once the file is open (and published), else null.
     CZPBuffer* GetBufferP() const { return IsOpen() ? m_pPlayBuffer : nullptr; }
     bool IsOpen() const { return m_bOpen.load(std::memory_order_acquire); }
+    // Read to its end (or stopped); its play buffer may still hold audio.
+    bool IsReadToEnd() const { return m_bDone.load(std::memory_order_acquire); }
+    // Read to its end and played out.
     bool IsDone() const;
     unsigned GetPortPosition() const;
     unsigned GetPortMaxLen() const { return m_nPortMaxLen.load(std::memory_order_relaxed); }
