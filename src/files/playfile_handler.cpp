@@ -77,10 +77,11 @@ bool CPlayFileHandler::AddFileToArray(const char* name, unsigned listIndex)
     return true;
 }
 
-void CPlayFileHandler::StagePlaylistEntries(unsigned limitStage)
+void CPlayFileHandler::StagePlaylistEntries(bool bTrace)
 {
-    while (!IsRingFull() && m_nNextStageIndex.load(std::memory_order_relaxed) != limitStage) {
-        SerialLog(eLogFile, "index: %d\r\n", static_cast<int>(m_nNextStageIndex.load(std::memory_order_relaxed)));
+    while (!IsRingFull()) {
+        if (bTrace)
+            SerialLog(eLogFile, "index: %d\r\n", static_cast<int>(m_nNextStageIndex.load(std::memory_order_relaxed)));
         unsigned index = 0;
         if (!PullPlaylistEntry(index))
             break;
@@ -116,7 +117,10 @@ enumZorPlayResult CPlayFileHandler::AddSingleFile(structSetupPlayFile* setup)
         puts("Using playlist - can't add manual files\r");
         return eResultNotIdle;
     }
-    const char* name = setup->szFilename;
+    // The record's field may lack its terminator; every check and message
+    // works on a bounded copy.
+    strscpy(m_szPathScratch, setup->szFilename, sizeof(m_szPathScratch));
+    const char* name = m_szPathScratch;
     if (setup->bSecondary) {
         SerialLog(eLogFile, "Setting secondary names\r\n");
         if (m_nNextStageIndex.load(std::memory_order_relaxed) == m_nPortPlayingIndex.load(std::memory_order_relaxed)) {
@@ -127,8 +131,21 @@ enumZorPlayResult CPlayFileHandler::AddSingleFile(structSetupPlayFile* setup)
             printf("Secondary Stage of %s failed\r\n", name);
             return eResultPathMissing;
         }
+        // The reading side may already wait at the end of the ring (its file
+        // read to the end, nothing after it), where a draining player no
+        // longer services it: it reaches the new file now, so the ports roll
+        // on without a gap. The callback is told before the file appears.
+        const unsigned reading = m_nReadingIndex.load(std::memory_order_relaxed);
+        const bool bReaderWaits = m_pFiles[reading]->IsReadToEnd() &&
+                                  Next(reading) == m_nNextStageIndex.load(std::memory_order_relaxed);
+        if (bReaderWaits)
+            m_bOpeningNext.store(true, std::memory_order_relaxed);
         AddFileToArray(name, 0);
         SerialLog(eLogFile, "Secondary file staged: %s\r\n", name);
+        if (bReaderWaits) {
+            ServiceBuffer();
+            m_bOpeningNext.store(false, std::memory_order_release);
+        }
         return eResultSuccess;
     }
     if (IsRingFull() || !DoesFileExist(name)) {
@@ -147,16 +164,16 @@ enumZorPlayResult CPlayFileHandler::AddPlaylist(structSetupPlaylist* setup)
     // so that no slot keeps an open file the new playlist would reuse.
     if (!IsEmpty() || m_pPlaylist->IsActive())
         EndPlaylist();
-    char path[kPlaylistPathSize];
-    strscpy(path, setup->szPlaylist, sizeof(path));
-    const enumZorPlayResult r = m_pPlaylist->SetupPlaylistFile(path);
+    strscpy(m_szPathScratch, setup->szPlaylist, sizeof(setup->szPlaylist));
+    const enumZorPlayResult r = m_pPlaylist->SetupPlaylistFile(m_szPathScratch);
     if (r != eResultSuccess)
         return r;
     m_nNextStageIndex.store(0, std::memory_order_relaxed);
     m_nReadingIndex.store(0, std::memory_order_relaxed);
     m_nPortPlayingIndex.store(0, std::memory_order_relaxed);
     m_nNextCompletionIndex.store(0, std::memory_order_relaxed);
-    StagePlaylistEntries(kPlaySlots - 1);
+    // With every index at 0 the ring is full at stage index 4.
+    StagePlaylistEntries(true);
     return OpenFile() ? eResultSuccess : eResultCantOpenFile;
 }
 
@@ -165,31 +182,41 @@ int CPlayFileHandler::ServiceBuffer()
     if (IsRingEmpty())
         return 0;
     unsigned reading = m_nReadingIndex.load(std::memory_order_relaxed);
-    if (m_pFiles[reading]->FillPlayBuffer() != -1)
-        return 1;
     if (Next(reading) == m_nNextStageIndex.load(std::memory_order_relaxed))
-        return 0;
-    reading = Next(reading);
-    m_nReadingIndex.store(reading, std::memory_order_relaxed);
-    SerialLog(eLogFile, "ReadIdx(post-inc) %d, NextStgIdx: %d\r\n", static_cast<int>(reading),
-              static_cast<int>(m_nNextStageIndex.load(std::memory_order_relaxed)));
-    if (!OpenFile()) {
-        printf("Playlist couldn't open next file %d\r\n", static_cast<int>(reading));
-        return 0;
+        return m_pFiles[reading]->FillPlayBuffer() == -1 ? 0 : 1;
+    // A file follows. From the moment this fill finds the end of the reading
+    // file until the next one is open, the callback must wait rather than
+    // roll onto a slot that is still being opened. The flag is raised before
+    // the fill publishes the done flag (a release store).
+    m_bOpeningNext.store(true, std::memory_order_relaxed);
+    int result = 1;
+    if (m_pFiles[reading]->FillPlayBuffer() == -1) {
+        reading = Next(reading);
+        m_nReadingIndex.store(reading, std::memory_order_relaxed);
+        SerialLog(eLogFile, "ReadIdx(post-inc) %d, NextStgIdx: %d\r\n", static_cast<int>(reading),
+                  static_cast<int>(m_nNextStageIndex.load(std::memory_order_relaxed)));
+        if (OpenFile()) {
+            SerialLog(eLogFile, "Playlist opened next file: [%d]%.200s\r\n", static_cast<int>(reading),
+                      m_pFiles[reading]->GetFilename());
+            m_pFiles[reading]->FillPlayBuffer();
+        } else {
+            printf("Playlist couldn't open next file %d\r\n", static_cast<int>(reading));
+            result = 0;
+        }
     }
-    SerialLog(eLogFile, "Playlist opened next file: [%d]%.200s\r\n", static_cast<int>(reading),
-              m_pFiles[reading]->GetFilename());
-    m_pFiles[reading]->FillPlayBuffer();
-    return 1;
+    m_bOpeningNext.store(false, std::memory_order_release);
+    return result;
 }
 
 CZPBuffer* CPlayFileHandler::GetPlayBufferP() const { return PortFile()->GetBufferP(); }
 
 bool CPlayFileHandler::IsCurrentPortFileDone() const { return PortFile()->IsDone(); }
 
-// The callback rolls only onto a file the worker has finished opening and has
-// put audio into; otherwise it waits (an underrun) instead of halting while a
-// staged file is still on its way.
+// The callback rolls onto a file the worker has opened and put audio into,
+// and waits (an underrun) while the worker is still opening the next file.
+// A staged file that nobody is opening (staged after a stop, or after the
+// files ran empty and the player stopped servicing) is rolled onto as it is:
+// RTRoll finds it closed and play halts.
 bool CPlayFileHandler::IsRollReady() const
 {
     const unsigned next = Next(m_nPortPlayingIndex.load(std::memory_order_relaxed));
@@ -198,7 +225,7 @@ bool CPlayFileHandler::IsRollReady() const
     const CPlayFile* file = m_pFiles[next];
     CZPBuffer* buf = file->GetBufferP();
     if (!buf)
-        return false;
+        return !m_bOpeningNext.load(std::memory_order_acquire);
     return buf->GetReadableFrames() > 0 || file->IsDone();
 }
 
@@ -226,6 +253,9 @@ const char* CPlayFileHandler::GetActiveFilename()
 
 void CPlayFileHandler::PopCompletionMessage(structFileCompletion* record, bool bRoll)
 {
+    // The callback has rolled past the completed slot; this load orders its
+    // last reads of that slot's buffer before the slot is freed and reused.
+    (void)m_nPortPlayingIndex.load(std::memory_order_acquire);
     unsigned completion = m_nNextCompletionIndex.load(std::memory_order_relaxed);
     CPlayFile* done = m_pFiles[completion];
     strscpy(record->szFilename, done->GetFilename(), kPlayFilenameSize);
@@ -249,6 +279,7 @@ void CPlayFileHandler::PopCompletionMessage(structFileCompletion* record, bool b
 
 void CPlayFileHandler::EndPlaylist()
 {
+    CRTGatePark park(m_Gate);
     SerialLog(eLogFile, "Cleaning up playlist variables.\r\n");
     m_pPlaylist->Reset();
     for (unsigned i = 0; i < kPlaySlots; ++i)
@@ -318,10 +349,10 @@ bool CPlayFileHandler::SkipIsValid(bool bRelative, int nSkip) const
 {
     if (!m_pPlaylist->IsActive())
         return false;
-    long target = nSkip;
+    int64_t target = nSkip;
     if (bRelative)
-        target += static_cast<long>(m_pPlaylist->GetActiveIndex()) - static_cast<long>(SlotsPortToStage());
-    return target >= 0 && target < static_cast<long>(m_pPlaylist->GetLength());
+        target += static_cast<int64_t>(m_pPlaylist->GetActiveIndex()) - static_cast<int64_t>(SlotsPortToStage());
+    return target >= 0 && target < static_cast<int64_t>(m_pPlaylist->GetLength());
 }
 
 enumZorPlayResult CPlayFileHandler::SkipInPlaylist(bool bRelative, int nSkip)
@@ -336,8 +367,13 @@ enumZorPlayResult CPlayFileHandler::SkipInPlaylist(bool bRelative, int nSkip)
         m_pFiles[i]->Unstage();
     m_nNextStageIndex.store(Next(port), std::memory_order_release);
     m_nReadingIndex.store(Next(port), std::memory_order_relaxed);
-    StagePlaylistEntries(kPlaySlots);
-    return OpenFile() ? eResultSuccess : eResultCantOpenFile;
+    StagePlaylistEntries(false);
+    if (!OpenFile())
+        return eResultCantOpenFile;
+    // The new entry is read once at once, so the roll that follows finds
+    // audio rather than an underrun.
+    m_pFiles[Next(port)]->FillPlayBuffer();
+    return eResultSuccess;
 }
 
 // Everything after the port slot is unstaged and nothing more is read: the

@@ -18,6 +18,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 
 #include "files/file_handler.h"
 #include "files/playfile.h"
@@ -87,8 +88,9 @@ private:
     // Next playlist entry into the scratch path; false when none.
     bool PullPlaylistEntry(unsigned& index);
     // Pulls playlist entries and stages them until the ring is full or the
-    // playlist runs out, reporting every entry that cannot be staged.
-    void StagePlaylistEntries(unsigned limitStage);
+    // playlist runs out, reporting every entry that cannot be staged;
+    // bTrace logs each attempt's stage index (playlist set-up).
+    void StagePlaylistEntries(bool bTrace);
     // Puts the reading index back on the port slot, which reads again.
     void ReadFromPortSlot();
     CPlayFile* PortFile() const { return m_pFiles[m_nPortPlayingIndex.load(std::memory_order_acquire)]; }
@@ -106,5 +108,8 @@ private:
     CPlaylist* m_pPlaylist;                       // worker
     CFastWindInfo* m_pFastWind;                   // worker
     CPlayFile* m_pFiles[kPlaySlots];
+    // Raised by the worker while it may be between finding the end of the
+    // reading file and opening the next one; read by the callback.
+    std::atomic<bool> m_bOpeningNext{false};
     CRTGate m_Gate;
 };

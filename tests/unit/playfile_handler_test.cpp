@@ -1,28 +1,44 @@
-// The play file handler driven directly: the test plays the worker (service
-// steps, completions) and the real-time callback (reading the port slot and
-// rolling at the end of a file) in turn, on real files.
+// The play file handler driven directly on real files: the test plays the
+// worker (services, flushes, completions) and the real-time callback (reading
+// the port slot, rolling at the end of a file), in turn on one thread, and in
+// the last test on two threads that meet only through the handler.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdint>
 #include <cstdlib>
-#include <cstring>
+#include <functional>
+#include <random>
 #include <string>
+#include <thread>
+#include <tuple>
 #include <unistd.h>
 #include <vector>
 
 #include <sndfile.h>
 
 #include "app/globals.h"
+#include "app/info_files.h"
 #include "files/playfile_handler.h"
 
 namespace {
 
 constexpr unsigned kPeriod = 64;
+typedef std::vector<std::tuple<unsigned, unsigned, unsigned>> Runs; // file, first frame, end frame
 
-// Every file gets its own base, so a stream shows which file each frame is from.
+// Channel 0 carries the frame index, channel 1 the file: every frame of a
+// stream tells where it came from.
 float Sample(unsigned file, unsigned frame, unsigned ch)
 {
-    return static_cast<float>(static_cast<int>(file * 1000 + (frame * 4 + ch) % 1000)) / 32768.0f;
+    return ch == 0 ? static_cast<float>(frame) / 1048576.0f : static_cast<float>(file) / 64.0f;
+}
+
+std::string Out(const std::function<void()>& body)
+{
+    testing::internal::CaptureStdout();
+    body();
+    return testing::internal::GetCapturedStdout();
 }
 
 class Handler : public ::testing::Test {
@@ -38,129 +54,99 @@ protected:
     void TearDown() override
     {
         m_H.EndPlaylist();
-        for (const std::string& f : m_Paths)
-            unlink(f.c_str());
-        rmdir(m_Dir.c_str());
+        EXPECT_EQ(system(("rm -rf " + m_Dir).c_str()), 0);
     }
-
-    // A 48 kHz file of `frames` frames whose samples are Sample(id, ...).
-    std::string Audio(unsigned id, unsigned frames, unsigned channels = 2)
+    std::string Name(unsigned id) { return m_Dir + "/a" + std::to_string(id) + ".wav"; }
+    std::string Audio(unsigned id, unsigned frames, unsigned rate = 48000)
     {
-        std::string path = m_Dir + "/a" + std::to_string(id) + ".wav";
-        SF_INFO info = SF_INFO();
-        info.channels = static_cast<int>(channels);
-        info.samplerate = 48000;
-        info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
-        SNDFILE* f = sf_open(path.c_str(), SFM_WRITE, &info);
-        EXPECT_NE(f, nullptr);
-        std::vector<float> data(static_cast<size_t>(frames) * channels);
-        for (unsigned i = 0; i < frames; ++i)
-            for (unsigned c = 0; c < channels; ++c)
-                data[static_cast<size_t>(i) * channels + c] = Sample(id, i, c);
-        sf_writef_float(f, data.data(), frames);
+        SF_INFO info = {0, static_cast<int>(rate), 2, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 0, 0};
+        SNDFILE* f = sf_open(Name(id).c_str(), SFM_WRITE, &info);
+        for (unsigned i = 0; i < frames; ++i) {
+            const float frame[2] = {Sample(id, i, 0), Sample(id, i, 1)};
+            sf_writef_float(f, frame, 1);
+        }
         sf_close(f);
-        m_Paths.push_back(path);
-        return path;
+        return Name(id);
     }
-    std::string Text(const std::string& name, const std::string& text)
+    std::string Text(const std::string& text)
     {
-        std::string path = m_Dir + "/" + name;
+        const std::string path = m_Dir + "/list" + std::to_string(m_nLists++) + ".txt";
         FILE* f = fopen(path.c_str(), "wb");
         fputs(text.c_str(), f);
         fclose(f);
-        m_Paths.push_back(path);
         return path;
     }
-    enumZorPlayResult Manual(const std::string& path, bool secondary)
+    int Manual(const std::string& path, bool secondary)
     {
         structSetupPlayFile s = {};
-        s.bSecondary = secondary ? 1 : 0;
-        strncpy(s.szFilename, path.c_str(), sizeof(s.szFilename) - 1);
+        s.bSecondary = secondary;
+        strscpy(s.szFilename, path.c_str(), sizeof(s.szFilename));
         return m_H.AddSingleFile(&s);
     }
-    enumZorPlayResult Playlist(const std::string& path)
+    int Playlist(const std::string& path)
     {
         structSetupPlaylist s = {};
-        strncpy(s.szPlaylist, path.c_str(), sizeof(s.szPlaylist) - 1);
+        strscpy(s.szPlaylist, path.c_str(), sizeof(s.szPlaylist));
         return m_H.AddPlaylist(&s);
     }
-
     // A worker that keeps well ahead of the callback.
     void Service()
     {
         for (int i = 0; i < 8; ++i)
             m_H.ServiceBuffer();
     }
-    // One callback period of n frames: the port slot's audio, rolling onto
-    // the next file when the current one has played out.
+    // One callback period of n frames, rolling onto the next file when the
+    // port file has played out as the player does; then the worker's
+    // completion for each roll.
     void Period(unsigned n)
     {
-        unsigned want = n;
-        for (;;) {
-            CZPBuffer* b = m_H.GetPlayBufferP();
-            if (!b)
-                return;
-            unsigned k = std::min(b->GetReadableFrames(), want);
+        unsigned rolls = 0;
+        while (CZPBuffer* b = m_H.GetPlayBufferP()) {
+            const unsigned k = std::min(b->GetReadableFrames(), n);
             for (unsigned i = 0; i < k * 2; ++i)
                 m_Out.push_back(b->ReadSingle());
-            want -= k;
-            if (want == 0)
-                return;
-            if (!m_H.IsCurrentPortFileDone() || !m_H.IsRollReady()) {
-                ++m_nUnderruns;
-                return;
-            }
+            if ((n -= k) == 0 || !m_H.IsCurrentPortFileDone() || !m_H.IsRollReady())
+                break;
             if (!m_H.RTRoll()) {
                 m_bHalted = true;
-                return;
+                break;
             }
-            ++m_nPendingRolls;
+            ++rolls;
+        }
+        for (; rolls > 0; --rolls) {
+            m_Done.emplace_back();
+            m_H.PopCompletionMessage(&m_Done.back(), true);
         }
     }
-    // Worker and callback in turn until the handler halts; returns the
-    // completion records in order.
-    std::vector<structFileCompletion> PlayToEnd(unsigned periodFrames)
+    // Worker and callback in turn until play halts, then the final completion.
+    void PlayToEnd(unsigned periodFrames)
     {
-        std::vector<structFileCompletion> done;
-        for (int guard = 0; guard < 100000 && !m_bHalted; ++guard) {
-            Service();
-            Period(periodFrames);
-            for (; m_nPendingRolls > 0; --m_nPendingRolls) {
-                structFileCompletion c = {};
-                m_H.PopCompletionMessage(&c, true);
-                done.push_back(c);
-            }
-        }
-        structFileCompletion c = {};
-        m_H.PopCompletionMessage(&c, false);
-        done.push_back(c);
+        for (int guard = 0; guard < 100000 && !m_bHalted; ++guard)
+            Service(), Period(periodFrames);
+        ASSERT_TRUE(m_bHalted);
+        m_Done.emplace_back();
+        m_H.PopCompletionMessage(&m_Done.back(), false);
         m_bHalted = false;
-        return done;
-    }
-    void ExpectStream(const std::vector<std::pair<unsigned, unsigned>>& files, size_t from = 0)
-    {
-        size_t at = from;
-        for (auto& [id, frames] : files)
-            for (unsigned f = 0; f < frames; ++f)
-                for (unsigned c = 0; c < 2; ++c, ++at) {
-                    ASSERT_LT(at, m_Out.size()) << "stream ends in file " << id << " frame " << f;
-                    ASSERT_EQ(m_Out[at], Sample(id, f, c)) << "file " << id << " frame " << f;
-                }
-        EXPECT_EQ(at, m_Out.size()) << "nothing after the last file";
-    }
-    // After a final completion: no file, all indices 0, no playlist.
-    void ExpectEmpty()
-    {
         EXPECT_TRUE(m_H.IsEmpty() && !m_H.IsPlaylistActive());
         EXPECT_EQ(m_H.GetNextStageIndex() + m_H.GetReadingIndex() + m_H.GetPortPlayingIndex(), 0u);
     }
+    // The stream from `from` on is exactly these runs back to back.
+    void ExpectStream(const Runs& runs, size_t from = 0)
+    {
+        for (auto [id, first, end] : runs)
+            for (unsigned f = first; f < end; ++f, from += 2) {
+                ASSERT_LT(from, m_Out.size()) << "stream ends in file " << id << " frame " << f;
+                ASSERT_EQ(m_Out[from], Sample(id, f, 0)) << "file " << id << " frame " << f;
+                ASSERT_EQ(m_Out[from + 1], Sample(id, f, 1)) << "file " << id << " frame " << f;
+            }
+        EXPECT_EQ(from, m_Out.size()) << "nothing after the last run";
+    }
 
     std::string m_Dir;
-    std::vector<std::string> m_Paths;
+    unsigned m_nLists = 0;
     CPlayFileHandler m_H{2};
     std::vector<float> m_Out;
-    int m_nPendingRolls = 0;
-    int m_nUnderruns = 0;
+    std::vector<structFileCompletion> m_Done;
     bool m_bHalted = false;
 };
 
@@ -170,173 +156,295 @@ TEST_F(Handler, ManualFilesRollGaplesslyAndReportEachCompletion)
 {
     EXPECT_EQ(Manual(Audio(9, 10), true), eResultNeedPrimary);
     ASSERT_EQ(Manual(Audio(1, 48000 + 100), false), eResultSuccess);
-    ASSERT_EQ(Manual(Audio(2, 77), true), eResultSuccess);
-    ASSERT_EQ(Manual(Audio(3, 1000), true), eResultSuccess);
-    ASSERT_EQ(Manual(Audio(4, 3 * 48000 + 5), true), eResultSuccess);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(Manual(Audio(5, 10), true), eResultPathMissing);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Secondary Stage of " + m_Paths.back() + " failed\r\n");
-    EXPECT_STREQ(m_H.GetActiveFilename(), m_Paths[1].c_str());
+    ASSERT_EQ(Manual(Audio(2, 77), true) + Manual(Audio(3, 1000), true) + Manual(Audio(4, 144005), true), 0);
+    EXPECT_EQ(Out([&] { EXPECT_EQ(Manual(Audio(5, 10), true), eResultPathMissing); }),
+              "Secondary Stage of " + Name(5) + " failed\r\n");
+    EXPECT_STREQ(m_H.GetActiveFilename(), Name(1).c_str());
+    EXPECT_NE(Out([&] { m_H.DoDisplayDebug(); })
+                  .find("File Handler Internals\r\n" + std::string(35, '~') + "\r\nNum Channels: 2\r\nMode: Manual Files"
+                        "\r\n  Next Stage Index: 4\r\n     Reading Index: 0\r\nPort Playing Index: 0\r\nNext Completion "
+                        "Ix: 0\r\n\t[0]:[00]:" + Name(1) + " \r\n\t\tChans: 2, rate: 48000,"),
+              std::string::npos);
 
-    std::vector<structFileCompletion> done = PlayToEnd(1000);
-    ExpectStream({{1, 48100}, {2, 77}, {3, 1000}, {4, 3 * 48000 + 5}});
-    EXPECT_EQ(m_nUnderruns, 0);
-    ASSERT_EQ(done.size(), 4u);
-    const unsigned ids[] = {1, 2, 3, 4};
+    PlayToEnd(1000);
+    ExpectStream({{1, 0, 48100}, {2, 0, 77}, {3, 0, 1000}, {4, 0, 144005}});
+    ASSERT_EQ(m_Done.size(), 4u);
     const unsigned seconds[] = {1, 0, 0, 3};
-    for (size_t i = 0; i < 4; ++i) {
-        EXPECT_STREQ(done[i].szFilename, m_Paths[ids[i]].c_str());
-        EXPECT_EQ(done[i].nLength, seconds[i]);
-        EXPECT_EQ(done[i].bRolled, i < 3 ? 1 : 0);
-        if (i < 3) {
-            EXPECT_STREQ(done[i].szNewFilename, m_Paths[ids[i] + 1].c_str());
-        }
+    for (unsigned i = 0; i < 4; ++i) {
+        EXPECT_EQ(m_Done[i].szFilename, Name(i + 1));
+        EXPECT_EQ(m_Done[i].nLength, seconds[i]);
+        EXPECT_EQ(m_Done[i].bRolled, i < 3 ? 1 : 0);
+        EXPECT_EQ(m_Done[i].szNewFilename, i < 3 ? Name(i + 2) : "");
     }
-    ExpectEmpty();
+
+    // A secondary given once the reading side has run out (the player drains
+    // and no longer services) follows at once, inside the same period.
+    m_Out.clear();
+    ASSERT_EQ(Manual(Audio(6, 300), false), eResultSuccess);
+    while (m_H.ServiceBuffer() != 0) {
+    }
+    ASSERT_EQ(Manual(Audio(7, 200), true), eResultSuccess);
+    Period(1000);
+    ExpectStream({{6, 0, 300}, {7, 0, 200}});
+    PlayToEnd(1000);
+
+    // One given after a stop is not played: the ports halt.
+    ASSERT_EQ(Manual(Audio(8, 3000), false), eResultSuccess);
+    Service();
+    Period(100);
+    EXPECT_EQ(m_H.ManualStop(), 0);
+    ASSERT_EQ(Manual(Audio(9, 100), true), eResultSuccess);
+    Period(1000);
+    EXPECT_TRUE(m_bHalted);
+    PlayToEnd(1000);
 }
 
+// A file libsndfile cannot open is dropped, and the one after it moves up.
 TEST_F(Handler, UnopenableFilesAreDroppedAndTheNextPlayed)
 {
-    std::string junk = Text("junk.wav", "not a sound file\n");
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(Manual(junk, false), eResultCantOpenFile);
-    EXPECT_NE(testing::internal::GetCapturedStdout().find("Couldn't open file: " + junk), std::string::npos);
-    ExpectEmpty();
-
-    // Staged behind a playing file: the bad one is dropped when reached and
-    // the one after it moves up into its slot.
-    ASSERT_EQ(Manual(Audio(1, 300), false), eResultSuccess);
-    ASSERT_EQ(Manual(junk, true), eResultSuccess);
-    ASSERT_EQ(Manual(Audio(2, 200), true), eResultSuccess);
-    testing::internal::CaptureStdout();
-    std::vector<structFileCompletion> done = PlayToEnd(kPeriod);
-    testing::internal::GetCapturedStdout();
-    ExpectStream({{1, 300}, {2, 200}});
-    ASSERT_EQ(done.size(), 2u);
-    EXPECT_STREQ(done[0].szNewFilename, m_Paths[2].c_str());
-    ExpectEmpty();
+    const std::string junk = Text("not a sound file\n");
+    EXPECT_NE(Out([&] { EXPECT_EQ(Manual(junk, false), 29); }).find("Couldn't open file: " + junk), std::string::npos);
+    EXPECT_TRUE(m_H.IsEmpty());
+    ASSERT_EQ(Manual(Audio(1, 300), false) + Manual(junk, true) + Manual(Audio(2, 200), true), 0);
+    Out([&] { PlayToEnd(kPeriod); });
+    ExpectStream({{1, 0, 300}, {2, 0, 200}});
+    EXPECT_EQ(m_Done[0].szNewFilename, Name(2));
 }
 
 TEST_F(Handler, PlaylistStagesAheadSkipsMissingEntriesAndTopsUpOnEveryRoll)
 {
-    std::string text = "# takes\r\n" + m_Dir + "/missing1.wav\r\n\r\n   " + m_Dir + "/missing2.wav\r\n";
+    std::string text = "# takes\r\n" + Name(11) + "\r\n\r\n   " + Name(12) + "\r\n";
     for (unsigned id = 1; id <= 6; ++id)
         text += Audio(id, 100 + id * 37) + "\r\n";
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(Playlist(Text("list.txt", text)), eResultSuccess);
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(out.find("File node couldn't be created - " + m_Dir + "/missing1.wav: empty path, file nonexistent, "
-                       "file empty?\r\n"),
-              std::string::npos)
-        << out;
-    EXPECT_NE(out.find("File node couldn't be created - " + m_Dir + "/missing2.wav"), std::string::npos);
-    EXPECT_EQ(m_H.GetNextStageIndex(), 4u);
-    EXPECT_EQ(m_H.GetSlot(0)->GetListIndex(), 2u);
-    EXPECT_EQ(Manual(Audio(9, 10), false), eResultNotIdle);
+    const std::string out = Out([&] { ASSERT_EQ(Playlist(Text(text)), eResultSuccess); });
+    for (unsigned missing : {11, 12})
+        EXPECT_NE(out.find("File node couldn't be created - " + Name(missing) +
+                           ": empty path, file nonexistent, file empty?\r\n"),
+                  std::string::npos)
+            << out;
+    EXPECT_EQ(m_H.GetNextStageIndex() * 10 + m_H.GetSlot(0)->GetListIndex(), 42u);
+    EXPECT_EQ(Out([&] { EXPECT_EQ(Manual(Audio(9, 10), false), 13); }), "Using playlist - can't add manual files\r\n");
 
-    std::vector<structFileCompletion> done = PlayToEnd(100);
-    ExpectStream({{1, 137}, {2, 174}, {3, 211}, {4, 248}, {5, 285}, {6, 322}});
-    ASSERT_EQ(done.size(), 6u);
-    for (unsigned i = 0; i < 6; ++i) {
-        EXPECT_EQ(done[i].nIndex, i + 2);
-        if (i < 5) {
-            EXPECT_EQ(done[i].nNewIndex, i + 3);
-        }
-    }
-    ExpectEmpty();
+    PlayToEnd(100);
+    ExpectStream({{1, 0, 137}, {2, 0, 174}, {3, 0, 211}, {4, 0, 248}, {5, 0, 285}, {6, 0, 322}});
+    ASSERT_EQ(m_Done.size(), 6u);
+    for (unsigned i = 0; i < 6; ++i)
+        EXPECT_EQ(m_Done[i].nIndex * 10 + m_Done[i].nNewIndex, (i + 2) * 10 + (i < 5 ? i + 3 : 0));
 
     // No entry exists at all: 29 and nothing left open.
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(Playlist(Text("none.txt", m_Dir + "/nope1.wav\n" + m_Dir + "/nope2.wav\n")), eResultCantOpenFile);
-    testing::internal::GetCapturedStdout();
+    Out([&] { EXPECT_EQ(Playlist(Text(Name(11) + "\n" + Name(12) + "\n")), 29); });
     for (unsigned i = 0; i < kPlaySlots; ++i)
         EXPECT_FALSE(m_H.GetSlot(i)->IsOpen());
 }
 
+// Skips count from the entry at the ports; the port file stops at once and
+// the ports roll onto the new entry, reported as an ordinary roll-over.
 TEST_F(Handler, SkipsAreRelativeToThePortEntry)
 {
     std::string text;
-    for (unsigned id = 1; id <= 6; ++id)
+    for (unsigned id = 0; id < 6; ++id)
         text += Audio(id, 2000) + "\n";
-    ASSERT_EQ(Playlist(Text("list.txt", text)), eResultSuccess);
-    // Play into the third entry (index 2), with the worker reading ahead.
-    while (m_H.GetPortPlayingIndex() != 2 || m_Out.size() < (4000 + 100) * 2) {
-        Service();
-        Period(100);
-        for (; m_nPendingRolls > 0; --m_nPendingRolls) {
-            structFileCompletion c = {};
-            m_H.PopCompletionMessage(&c, true);
-        }
-    }
+    ASSERT_EQ(Playlist(Text(text)), eResultSuccess);
+    while (m_Out.size() < 4100 * 2) // into entry 2, with the worker reading ahead
+        Service(), Period(100);
     EXPECT_EQ(m_H.GetActivePlaylistIndex(), 2u);
-    EXPECT_FALSE(m_H.SkipIsValid(false, 6));
-    EXPECT_FALSE(m_H.SkipIsValid(false, -1));
-    EXPECT_FALSE(m_H.SkipIsValid(true, 4));
-    ASSERT_TRUE(m_H.SkipIsValid(true, 1));
-
-    // As the player does it with the callback kept away: the port slot is
-    // stopped and the callback rolls onto the new entry.
+    EXPECT_FALSE(m_H.SkipIsValid(false, 6) || m_H.SkipIsValid(false, -1) || m_H.SkipIsValid(true, 4) ||
+                 m_H.SkipIsValid(true, -3));
     const size_t mark = m_Out.size();
+    ASSERT_TRUE(m_H.SkipIsValid(true, 1));
     ASSERT_EQ(m_H.SkipInPlaylist(true, 1), eResultSuccess);
-    std::vector<structFileCompletion> done = PlayToEnd(100);
-    ASSERT_GE(done.size(), 2u);
-    EXPECT_EQ(done[0].nIndex, 2u);
-    EXPECT_EQ(done[0].nNewIndex, 3u);
-    ExpectStream({{4, 2000}, {5, 2000}, {6, 2000}}, mark);
-    ExpectEmpty();
-
-    // A relative skip of 0 restarts the entry at the ports.
-    ASSERT_EQ(Playlist(Text("list2.txt", text)), eResultSuccess);
-    m_Out.clear();
-    Service();
-    Period(500);
-    ASSERT_TRUE(m_H.SkipIsValid(true, 0));
+    Period(100);
+    EXPECT_EQ(m_Done.back().nIndex * 10 + m_Done.back().nNewIndex, 23u);
+    ASSERT_TRUE(m_H.SkipIsValid(true, 0)); // restarts the entry at the ports
     ASSERT_EQ(m_H.SkipInPlaylist(true, 0), eResultSuccess);
-    m_Out.clear();
-    done = PlayToEnd(100);
-    EXPECT_EQ(done[0].nIndex, 0u);
-    EXPECT_EQ(done[0].nNewIndex, 0u);
-    ExpectStream({{1, 2000}, {2, 2000}, {3, 2000}, {4, 2000}, {5, 2000}, {6, 2000}});
+    Period(100);
+    ASSERT_TRUE(m_H.SkipIsValid(false, 1));
+    ASSERT_EQ(m_H.SkipInPlaylist(false, 1), eResultSuccess);
+    PlayToEnd(100);
+    ExpectStream({{3, 0, 100}, {3, 0, 100}, {1, 0, 2000}, {2, 0, 2000}, {3, 0, 2000}, {4, 0, 2000}, {5, 0, 2000}},
+                 mark);
 }
 
 TEST_F(Handler, SeekStopAndNewPlaylistFlushThePortFile)
 {
-    ASSERT_EQ(Manual(Audio(1, 5 * 48000), false), eResultSuccess);
-    ASSERT_EQ(Manual(Audio(2, 300), true), eResultSuccess);
+    ASSERT_EQ(Manual(Audio(1, 5 * 48000), false) + Manual(Audio(2, 300), true), 0);
     Service();
     Period(1000);
-    EXPECT_EQ(m_H.SeekToTime(10), eResultSkipImpossible);
+    EXPECT_EQ(m_H.SeekToTime(6), eResultSkipImpossible);
     EXPECT_EQ(m_H.SeekToTime(-1), eResultSkipImpossible);
+    ASSERT_EQ(m_H.SeekToTime(5), eResultSuccess); // the very end
     ASSERT_EQ(m_H.SeekToTime(4), eResultSuccess);
     EXPECT_EQ(m_H.GetPortPosition(), 4u * 48000);
     m_Out.clear();
-    std::vector<structFileCompletion> done = PlayToEnd(1000);
-    // From second 4 to the end, then the staged file.
-    ASSERT_EQ(m_Out.size(), (48000u + 300) * 2);
-    EXPECT_EQ(m_Out[0], Sample(1, 4 * 48000, 0));
-    EXPECT_EQ(m_Out[2 * 48000], Sample(2, 0, 0));
-    ExpectEmpty();
+    PlayToEnd(1000);
+    ExpectStream({{1, 4 * 48000, 5 * 48000}, {2, 0, 300}});
 
-    // Stop: nothing more plays after the port file, and the end follows.
-    ASSERT_EQ(Manual(Audio(1, 5 * 48000), false), eResultSuccess);
-    ASSERT_EQ(Manual(Audio(2, 300), true), eResultSuccess);
+    // Stop: nothing more plays after the audio the port file already had.
+    ASSERT_EQ(Manual(Audio(1, 5 * 48000), false) + Manual(Audio(2, 300), true), 0);
     Service();
     m_Out.clear();
     Period(1000);
     EXPECT_EQ(m_H.ManualStop(), 0);
-    done = PlayToEnd(1000);
-    EXPECT_EQ(m_Out.size(), 2000u);
-    ASSERT_EQ(done.size(), 1u);
-    EXPECT_EQ(done[0].bRolled, 0);
-    ExpectEmpty();
+    PlayToEnd(1000);
+    ExpectStream({{1, 0, 1000}});
+    EXPECT_EQ(m_Done.back().bRolled, 0);
 
     // A playlist arriving while files are staged replaces them.
-    ASSERT_EQ(Manual(Audio(1, 1000), false), eResultSuccess);
-    ASSERT_EQ(Manual(Audio(2, 1000), true), eResultSuccess);
+    ASSERT_EQ(Manual(Audio(1, 1000), false) + Manual(Audio(2, 1000), true), 0);
     Service();
-    ASSERT_EQ(Playlist(Text("list.txt", Audio(3, 500) + "\n")), eResultSuccess);
+    ASSERT_EQ(Playlist(Text(Audio(3, 500) + "\n")), eResultSuccess);
     m_Out.clear();
-    done = PlayToEnd(100);
-    ExpectStream({{3, 500}});
-    ExpectEmpty();
+    PlayToEnd(100);
+    ExpectStream({{3, 0, 500}});
+
+    // A file read to its end and sought back plays on: it is not rolled past
+    // while its buffer runs dry between two services.
+    g_nJackSampleRate = 1000; // a second of 1000 frames: the whole file fits the play buffer
+    ASSERT_EQ(Manual(Audio(3, 1050, 1000), false), eResultSuccess);
+    while (m_H.ServiceBuffer() != 0) {
+    }
+    ASSERT_EQ(m_H.SeekToTime(1) + m_H.SeekToTime(0), 0);
+    m_Out.clear();
+    Period(2000);
+    EXPECT_FALSE(m_bHalted);
+    PlayToEnd(1000);
+    ExpectStream({{3, 0, 1050}});
+}
+
+// A wind moves through the port file; a change of direction keeps it
+// audible; once it ends the ports resume exactly where they are, and the file
+// read ahead follows from its start.
+TEST_F(Handler, FastWindResumesWhereThePortsAre)
+{
+    ASSERT_EQ(Manual(Audio(1, 12000), false) + Manual(Audio(2, 3000), true), 0);
+    while (m_H.GetReadingIndex() == 0)
+        m_H.ServiceBuffer();
+    Service();
+    Period(1000);
+    ASSERT_EQ(m_H.FastWind(true, true, false), 0); // the first step is taken at once
+    EXPECT_EQ(m_H.GetPortPosition(), 1000u + kPeriod);
+    m_Out.clear();
+    for (int i = 0; i < 3; ++i)
+        Service(), Period(kPeriod);
+    // Each period heard is the file's period two periods on from the last.
+    ExpectStream({{1, 1064, 1128}, {1, 1192, 1256}, {1, 1320, 1384}});
+
+    ASSERT_EQ(m_H.FastWind(true, false, true), 0);
+    m_Out.clear();
+    Period(kPeriod / 2);
+    ExpectStream({{1, 1384 - 3 * kPeriod, 1384 - 3 * kPeriod + kPeriod / 2}});
+    ASSERT_EQ(m_H.FastWind(false, false, false), 0);
+    const unsigned resume = 1384 - 2 * kPeriod - kPeriod / 2;
+    EXPECT_EQ(m_H.GetPortPosition(), resume);
+    m_Out.clear();
+    PlayToEnd(kPeriod);
+    ExpectStream({{1, resume, 12000}, {2, 0, 3000}});
+}
+
+// The callback's part on a thread of its own and the worker's on the test
+// thread, the flushes racing the callback as they do in a running player.
+// Until a flush (seek, skip, stop) returns, the ports may still get the audio
+// before it; from then on they get the frame the flush asked for and what
+// follows it, never anything older.
+TEST_F(Handler, FlushesKeepEarlierAudioOffThePorts)
+{
+    g_nJackSampleRate = 1000; // whole seconds of 1000 frames keep the files short
+    g_nBufferSizeFrames = 16;
+    constexpr unsigned kLen = 20000, kFiles = 6, kOps = 41;
+    std::string text;
+    for (unsigned id = 0; id < kFiles; ++id)
+        text += Audio(id, kLen, 1000) + "\n";
+    ASSERT_EQ(Playlist(Text(text)), eResultSuccess);
+
+    std::vector<float> stream(1 << 22); // the callback's until the join
+    std::atomic<size_t> played{0};
+    std::atomic<unsigned> rolls{0};
+    std::atomic<bool> halted{false}, quit{false};
+    std::thread rt([&] {
+        CRTGate& gate = m_H.GetRTGate();
+        for (size_t at = 0; !quit.load(); std::this_thread::yield()) {
+            if (!gate.Enter())
+                continue;
+            for (unsigned want = 16; !halted.load();) {
+                CZPBuffer* b = m_H.GetPlayBufferP();
+                const unsigned n = b ? std::min({b->GetReadableFrames(), want, unsigned(stream.size() - at) / 2}) : 0;
+                for (unsigned i = 0; i < 2 * n; ++i)
+                    stream[at++] = b->ReadSingle();
+                if (!b || (want -= n) == 0 || !m_H.IsCurrentPortFileDone() || !m_H.IsRollReady())
+                    break;
+                if (m_H.RTRoll())
+                    rolls.fetch_add(1);
+                else
+                    halted.store(true);
+            }
+            played.store(at / 2);
+            gate.Leave();
+        }
+    });
+
+    struct Flush {
+        unsigned ids[2], frame; // the file (one of two, when a roll raced the seek) and frame it asked for
+        size_t before, after;   // frames played before the flush began and once it had returned
+    };
+    std::vector<Flush> flushes;
+    unsigned popped = 0;
+    std::mt19937 rng(7);
+    for (unsigned op = 1; op <= kOps && !halted.load(); ++op) {
+        for (const size_t until = played.load() + 300; played.load() < until;) {
+            m_H.ServiceBuffer();
+            for (structFileCompletion c = {}; popped < rolls.load(); ++popped)
+                m_H.PopCompletionMessage(&c, true);
+            std::this_thread::yield();
+        }
+        Flush f = {{m_H.GetActivePlaylistIndex(), 0}, 0, played.load(), 0};
+        if (op == kOps) {
+            m_H.ManualStop();
+            f.ids[0] = f.ids[1] = kFiles; // nothing at all
+        } else if (op % 2) {
+            f.frame = rng() % (kLen / 1000) * 1000;
+            EXPECT_EQ(m_H.SeekToTime(static_cast<int>(f.frame / 1000)), eResultSuccess);
+            f.ids[1] = m_H.GetActivePlaylistIndex();
+        } else {
+            // Not the entry that follows: a natural roll in the race would look the same.
+            for (f.ids[1] = f.ids[0] + 1; f.ids[1] == f.ids[0] + 1;)
+                f.ids[1] = rng() % (kFiles - 1);
+            EXPECT_EQ(m_H.SkipInPlaylist(false, static_cast<int>(f.ids[1])), eResultSuccess);
+            f.ids[0] = f.ids[1];
+        }
+        f.after = played.load();
+        flushes.push_back(f);
+    }
+    while (!halted.load())
+        std::this_thread::yield();
+    quit.store(true);
+    rt.join();
+    for (structFileCompletion c = {}; popped < rolls.load(); ++popped)
+        m_H.PopCompletionMessage(&c, true);
+    m_bHalted = true;
+    PlayToEnd(16);
+
+    // Offline: the stream runs frame by frame and file by file, except where
+    // a flush takes over, which happens inside its window or not at all.
+    const size_t total = played.load();
+    ASSERT_LT(total * 2, stream.size());
+    ASSERT_EQ(flushes.size(), kOps);
+    unsigned id = 0, frame = 0;
+    size_t next = 0;
+    for (size_t k = 0; k < total; ++k) {
+        const float s0 = stream[2 * k], s1 = stream[2 * k + 1];
+        if (next < flushes.size() && k >= flushes[next].before) {
+            const Flush& f = flushes[next];
+            if (s0 == Sample(0, f.frame, 0) && (s1 == Sample(f.ids[0], 0, 1) || s1 == Sample(f.ids[1], 0, 1))) {
+                id = static_cast<unsigned>(s1 * 64.0f), frame = f.frame;
+                ++next;
+            } else {
+                ASSERT_LE(k, f.after) << "audio from before flush " << next << " after it returned";
+            }
+        }
+        ASSERT_EQ(s0, Sample(id, frame, 0)) << "file " << id << " frame " << frame << " at " << k;
+        ASSERT_EQ(s1, Sample(id, frame, 1)) << "file " << id << " frame " << frame << " at " << k;
+        if (++frame == kLen)
+            ++id, frame = 0;
+    }
+    EXPECT_GE(next, kOps / 2) << "flushes whose audio was checked";
 }
