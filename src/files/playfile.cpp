@@ -121,12 +121,15 @@ void CPlayFile::Unstage()
     m_bDone.store(false, std::memory_order_release);
 }
 
+// With conversion, frames read but still waiting in the file buffer (the
+// play buffer had no room for them) have yet to play: the file is not played
+// out until both buffers are empty.
 bool CPlayFile::IsDone() const
 {
     if (!m_bDone.load(std::memory_order_acquire))
         return false;
     CZPBuffer* buf = GetBufferP();
-    return !buf || buf->GetReadableFrames() == 0;
+    return !buf || (buf->GetReadableFrames() == 0 && m_pFileBuffer->GetReadableFrames() == 0);
 }
 
 void CPlayFile::ClearBuffers()

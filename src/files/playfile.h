@@ -79,7 +79,8 @@ public:
     bool IsOpen() const { return m_bOpen.load(std::memory_order_acquire); }
     // Read to its end (or stopped); its play buffer may still hold audio.
     bool IsReadToEnd() const { return m_bDone.load(std::memory_order_acquire); }
-    // Read to its end and played out.
+    // Read to its end and played out. Only loads of buffer cursors, so the
+    // callback may ask about the file buffer too.
     bool IsDone() const;
     unsigned GetPortPosition() const;
     unsigned GetPortMaxLen() const { return m_nPortMaxLen.load(std::memory_order_relaxed); }

@@ -311,6 +311,20 @@ TEST_F(Handler, SeekStopAndNewPlaylistFlushThePortFile)
     ExpectStream({{3, 0, 1050}});
 }
 
+// With conversion, a file read to its end while read frames still wait for
+// room in the play buffer has not played out until they have.
+TEST_F(Handler, ConvertedFileEndsOnlyOnceEverythingReadHasPlayed)
+{
+    ASSERT_EQ(Manual(Audio(1, 16000, 44100), false) + Manual(Audio(2, 100), true), 0);
+    while (!m_H.GetSlot(0)->IsReadToEnd())
+        Service(), Period(kPeriod);
+    Period(20000); // the play buffer runs dry before the worker comes again
+    EXPECT_FALSE(m_bHalted);
+    PlayToEnd(1000);
+    EXPECT_NEAR(m_Out.size() / 2.0, 16000 * 48000 / 44100.0 + 100, 3.0);
+    ExpectStream({{2, 0, 100}}, m_Out.size() - 200);
+}
+
 // A wind moves through the port file; a change of direction keeps it
 // audible; once it ends the ports resume exactly where they are, and the file
 // read ahead follows from its start.
