@@ -64,8 +64,10 @@ public:
     // Real-time thread (and the worker while the callback is kept away).
     CZPBuffer* GetPlayBufferP() const;
     bool IsCurrentPortFileDone() const;
-    // True when RTRoll may run: the next slot ends play (nothing staged) or
-    // holds an open file with audio ready (or already done).
+    // Asked once the port file is done: true when RTRoll may run, that is
+    // when the next slot ends play (nothing staged, or a file the worker is
+    // not opening) or holds an open file with audio ready (or already done);
+    // false while the worker is still opening it.
     bool IsRollReady() const;
     CZPBuffer* RTRoll();
     unsigned GetPortPosition() const;
