@@ -279,8 +279,11 @@ bool CRPBase::SendResponse(enumZorPlayResult result)
 
 enumZorPlayResult CRPBase::Exchange(eRPCommandToken token, void* pPayload, unsigned nLen)
 {
-    if (m_bWorkerEnded.load(std::memory_order_acquire) || m_mqCommand == static_cast<mqd_t>(-1))
+    if (m_bWorkerEnded.load(std::memory_order_acquire) || m_mqCommand == static_cast<mqd_t>(-1)) {
+        // No worker to answer: nothing is sent, so nothing is left queued.
+        printf("Response Queue failure: %s\r\n", strerror(EPIPE));
         return eResultUnmapped;
+    }
     if (!SendInternal(token))
         return eResultUnmapped;
     // A token or payload send fails only once the worker has gone.
@@ -366,20 +369,23 @@ void CRPBase::WorkerThreadMember()
                 printf("Module internal MQ receive failed: %s\r\n", strerror(errno));
             else
                 HandleInternalToken(token);
-            DrainLostEvents();
         }
         if (FD_ISSET(m_mqCommand, &readSet)) {
             const ssize_t n = mq_receive(m_mqCommand, buffer, sizeof(buffer), nullptr);
             if (n < 0) {
                 printf("Module Command MQ receive failed: %s\r\n", strerror(errno));
-                continue;
+            } else if (n == static_cast<ssize_t>(sizeof(uint32_t))) {
+                uint32_t token;
+                memcpy(&token, buffer, sizeof(token));
+                running = HandleCommandToken(token, buffer);
             }
-            if (n != static_cast<ssize_t>(sizeof(uint32_t)))
-                continue; // not a token: dropped without an answer
-            uint32_t token;
-            memcpy(&token, buffer, sizeof(token));
-            running = HandleCommandToken(token, buffer);
+            // Any other length is not a token: dropped without an answer.
         }
+        // Every wake, a command's included, makes good what the callback
+        // could not post: an event lost just as the queue ran empty is still
+        // reported by the next status tick at the latest.
+        if (running)
+            DrainLostEvents();
     }
     m_bWorkerEnded.store(true, std::memory_order_release);
 }

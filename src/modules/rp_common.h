@@ -99,7 +99,7 @@ public:
     void DisplayDebug(bool bFull);
     enumZorPlayResult ReportProgress();
 
-    // Any thread (relaxed reads of atomic words).
+    // Any thread (the state word is atomic).
     int GetState() const { return m_nState.load(std::memory_order_acquire); }
     const char* GetStateString() const;
     bool IsRecorder() const { return m_bRecorder; }
