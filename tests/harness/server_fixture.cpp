@@ -286,11 +286,15 @@ std::string JackServer::UniqueName()
     return "zptest_" + std::to_string(getpid()) + "_" + std::to_string(counter++);
 }
 
-bool JackServer::Start(unsigned capturePorts, unsigned playbackPorts, const std::string& name)
+bool JackServer::Start(unsigned capturePorts, unsigned playbackPorts, const std::string& name, unsigned portMax)
 {
     m_Name = name;
-    if (!m_Process.Start({"/usr/bin/jackd", "-n", m_Name, "-d", "dummy", "-r", "48000", "-p", "1024", "-C",
-                          std::to_string(capturePorts), "-P", std::to_string(playbackPorts)}))
+    std::vector<std::string> argv{"/usr/bin/jackd", "-n", m_Name};
+    if (portMax != 0)
+        argv.insert(argv.end(), {"-p", std::to_string(portMax)});
+    argv.insert(argv.end(), {"-d", "dummy", "-r", "48000", "-p", "1024", "-C", std::to_string(capturePorts), "-P",
+                             std::to_string(playbackPorts)});
+    if (!m_Process.Start(argv))
         return false;
     ChildProcess waiter;
     if (!waiter.Start({"/usr/bin/jack_wait", "-s", m_Name, "-w", "-t", "20"}) || waiter.WaitExit(30000) != 0) {

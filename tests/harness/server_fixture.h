@@ -64,7 +64,9 @@ public:
     // A name of its own for this test process; a server started later under
     // it is the one clients given the name find.
     static std::string UniqueName();
-    bool Start(unsigned capturePorts = 8, unsigned playbackPorts = 8, const std::string& name = UniqueName());
+    // portMax, when not 0, caps the ports the server manages (jackd -p).
+    bool Start(unsigned capturePorts = 8, unsigned playbackPorts = 8, const std::string& name = UniqueName(),
+               unsigned portMax = 0);
     void Stop();
     bool Running() const { return m_Process.Running(); }
     const std::string& Name() const { return m_Name; }

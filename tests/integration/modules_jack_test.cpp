@@ -81,9 +81,10 @@ protected:
         m_Client.Close();
     }
 
-    void StartJack(unsigned capturePorts, unsigned playbackPorts)
+    void StartJack(unsigned capturePorts, unsigned playbackPorts, unsigned portMax = 0)
     {
-        ASSERT_TRUE(m_Jack.Start(capturePorts, playbackPorts)) << "could not start a dummy jackd";
+        ASSERT_TRUE(m_Jack.Start(capturePorts, playbackPorts, JackServer::UniqueName(), portMax))
+            << "could not start a dummy jackd";
         ASSERT_TRUE(m_Probe.Open(m_Jack.Name()));
     }
     void StartZorPlay(const std::vector<std::string>& args = {})
@@ -189,6 +190,23 @@ TEST_F(ModulesOnTheirOwnServer, AServerWithoutSystemPortsTakesModulesOnlyUnconne
                        "Players:\r\n"
                        "\t[0]:    Player000 is Idle, Channels: 2, Offset: 8, filename: , file progress: %0\r\n",
                        mark));
+}
+
+TEST_F(ModulesOnTheirOwnServer, PortsRegisteredBeforeARefusalGoWithTheClient)
+{
+    // A port table of 21 entries, of which the server hands out 20: the 16
+    // system ports leave four for modules.
+    StartJack(8, 8, 21);
+    StartZorPlay();
+    const size_t mark = m_Server.OutputSize();
+    EXPECT_TRUE(Prints(Create(kPlay, 0, 8, 0), eResultNoClientPorts,
+                       "Player000: Can't create client port #4, named output5\r\n"
+                       "May need to increase the maximum number of ports the JACK server can manage.\n",
+                       mark));
+    EXPECT_TRUE(WaitUntil([&] { return NoModuleClients(); }, 5000));
+    // Closing the failed module's client freed its four ports for the next one.
+    ASSERT_EQ(Create(kRec, 0, 4, 0), eResultSuccess);
+    EXPECT_EQ(m_Probe.Ports("^Recorder000:").size(), 4u);
 }
 
 TEST_F(ModulesOnTheirOwnServer, LiveModulesShowInTheDisplaysButLeaveNoQueueName)
