@@ -18,8 +18,15 @@ zp_raise_queue_depth() {
   fi
 }
 
-# zp_build NAME SANITIZER: configures and builds into build/NAME.
+# zp_build NAME SANITIZER [TARGET...]: configures and builds into build/NAME
+# (every target unless some are named).
 zp_build() {
-  cmake -S "$ZP_ROOT" -B "$ZP_ROOT/build/$1" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZP_SANITIZER="$2" >/dev/null
-  cmake --build "$ZP_ROOT/build/$1" -j "$ZP_JOBS"
+  local dir=$ZP_ROOT/build/$1 sanitizer=$2
+  shift 2
+  cmake -S "$ZP_ROOT" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZP_SANITIZER="$sanitizer" >/dev/null
+  if [ $# -gt 0 ]; then
+    cmake --build "$dir" -j "$ZP_JOBS" --target "$@"
+  else
+    cmake --build "$dir" -j "$ZP_JOBS"
+  fi
 }

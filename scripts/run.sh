@@ -7,7 +7,8 @@ set -euo pipefail
 source "$(dirname "$0")/common.sh"
 
 "$ZP_ROOT/scripts/install-deps.sh"
-zp_build default "" >/dev/null
+echo "Building zor_play in $ZP_ROOT/build/default"
+zp_build default "" zor_play >/dev/null
 zp_raise_queue_depth
 
 jack_pid=""
