@@ -273,9 +273,10 @@ TEST_F(Recording, RollsOverWithoutLosingAFrame)
     EXPECT_EQ(ExpectConsecutive(files, {2, 24}, false), 3u * 48000);
 }
 
-// Converted recordings carry the chosen rate; their length is the recorded
-// time converted (the slow ramp on channel 0 measures it) and the 1 kHz tone
-// keeps its frequency.
+// Converted recordings carry the chosen rate; a 1 s limit stops them at
+// exactly one second of file frames, which is the recorded time converted
+// (the slow ramp on channel 0 measures it), and the 1 kHz tone keeps its
+// frequency.
 TEST_F(Recording, ConvertsToTheChosenRate)
 {
     Create(0, 2);
@@ -284,11 +285,12 @@ TEST_F(Recording, ConvertsToTheChosenRate)
     for (unsigned opt = 1; opt <= 3; ++opt) {
         SCOPED_TRACE(rates[opt]);
         const std::string file = Path("t" + std::to_string(opt) + ".wav");
-        ASSERT_EQ(Setup(0, {file}, 0, opt, 2), eResultSuccess);
-        RecordFor(0, file, 44 + rates[opt] * 6);
+        ASSERT_EQ(Setup(0, {file}, 0, opt, 2, 1), eResultSuccess);
+        ASSERT_EQ(m_Client.Call(eZorPlayRecorder, eCmdStart, 0), eResultSuccess);
+        EXPECT_EQ(Completion(0).nLength, 1u);
         SF_INFO info;
         std::vector<int> data = ReadWav(file, info, 24);
-        ASSERT_GT(info.frames, rates[opt] - 100);
+        ASSERT_EQ(info.frames, rates[opt]);
         EXPECT_EQ(info.samplerate, rates[opt]);
         // Skip the converter's start-up; ramp steps per file frame = 48000 / rate.
         const size_t a = 100, b = static_cast<size_t>(info.frames) - 1;

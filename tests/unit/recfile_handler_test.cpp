@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -179,36 +178,6 @@ TEST_F(RecFile, RollsOverWithoutLosingAFrame)
     ASSERT_EQ(Add(h, {P("u1.wav")}, 0, 0, 0, 1, 0, 1), eResultSuccess);
     EXPECT_EQ(Record(h, 2, 0, 48010), H::eServiceStopped);
     EXPECT_NE(access(P("u1.wav").c_str(), F_OK), 0);
-}
-
-// Converted recordings carry the chosen rate, last the recorded time
-// converted and keep the tone's frequency; a length limit counts file frames.
-TEST_F(RecFile, ConvertsToTheChosenRate)
-{
-    const int rates[] = {48000, 24000, 16000, 12000};
-    for (unsigned opt = 1; opt <= 3; ++opt) {
-        SCOPED_TRACE(opt);
-        H h(1);
-        const std::string name = P("t" + std::to_string(opt) + ".wav");
-        ASSERT_EQ(Add(h, {name}, 0, opt, 0, 1), eResultSuccess);
-        for (unsigned f = 0; f < 48000 + 30000; f += 480) { // 1 kHz in periods of 480
-            for (unsigned i = f; i < f + 480; ++i)
-                h.GetRTBufferP()->WriteSingle(0.5f * static_cast<float>(std::sin(2 * 3.14159265358979 * i / 48.0)));
-            ASSERT_NE(h.ServiceBuffer(true), H::eServiceRolled);
-        }
-        SF_INFO info = {};
-        SNDFILE* f = sf_open(name.c_str(), SFM_READ, &info);
-        ASSERT_NE(f, nullptr);
-        std::vector<short> got(static_cast<size_t>(info.frames));
-        sf_read_short(f, got.data(), info.frames);
-        sf_close(f);
-        EXPECT_EQ(info.samplerate, rates[opt]);
-        EXPECT_EQ(info.frames, rates[opt]); // the 1 s limit, in file frames
-        unsigned rising = 0;
-        for (size_t i = 1; i < got.size(); ++i)
-            rising += got[i - 1] < 0 && got[i] >= 0;
-        EXPECT_NEAR(rising, 1000, 1);
-    }
 }
 
 // Every refused set-up prints its lines and answers its code.
