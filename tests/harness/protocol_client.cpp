@@ -130,6 +130,12 @@ int ProtocolClient::Call(enumZorPlayType type, enumZorPlayCmd cmd, int index, co
     return static_cast<int>(resp.payload.eResult);
 }
 
+int ProtocolClient::Create(enumZorPlayType type, int slot, int channels, int offset, int timeoutMs)
+{
+    const structAddModule add = {channels, offset};
+    return Call(type, eCmdCreate, slot, &add, sizeof(add), timeoutMs);
+}
+
 bool ProtocolClient::WaitUnrequested(structZorPlayMsg& out, int timeoutMs, int cmd)
 {
     for (auto it = m_Unrequested.begin(); it != m_Unrequested.end(); ++it) {

@@ -33,6 +33,9 @@ public:
     int Call(enumZorPlayType type, enumZorPlayCmd cmd, int index, const void* payload = nullptr,
              size_t payloadLen = 0, int timeoutMs = 10000);
 
+    // Create request for a module: its result, or -1 when none came.
+    int Create(enumZorPlayType type, int slot, int channels, int offset, int timeoutMs = 10000);
+
     // Next unrequested message (nReq 2), optionally of one command only.
     bool WaitUnrequested(structZorPlayMsg& out, int timeoutMs, int cmd = -1);
     // Next datagram of any kind, with its length; false on timeout.

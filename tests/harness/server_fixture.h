@@ -101,6 +101,11 @@ bool WaitUntil(Cond cond, int timeoutMs)
     }
 }
 
+// A request's answer is the expected one and the process printed text after
+// the output mark (waiting up to 5 s for it).
+::testing::AssertionResult AnswersAndPrints(const ChildProcess& proc, int answer, int expected,
+                                            const std::string& text, size_t mark);
+
 bool FileExists(const std::string& path);
 
 // Threads and open descriptors of a process (entries of /proc/<pid>/task

@@ -1,7 +1,7 @@
-// Modules on a real JACK server, driven over the socket: slots, argument
-// checks, JACK client names, the base state machine, displays, creation
-// without a server, and teardown without leftovers. Port runs, servers of
-// other shapes and failed creations are in modules_jack_test.cpp.
+// Modules on a shared 8 + 8 port JACK server, driven over the socket: slots,
+// argument checks, JACK client names, the base state machine, displays, and
+// teardown without leftovers. Creation without a server, port runs, -nc and
+// failed creations are in modules_jack_test.cpp.
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -21,12 +21,6 @@ std::string ClientName(enumZorPlayType type, int slot)
     return name;
 }
 
-int Create(ProtocolClient& client, enumZorPlayType type, int slot, int channels, int offset)
-{
-    structAddModule add = {channels, offset};
-    return client.Call(type, eCmdCreate, slot, &add, sizeof(add));
-}
-
 class ModuleEngine : public ServerTest {
 protected:
     void SetUp() override
@@ -34,18 +28,17 @@ protected:
         ServerTest::SetUp();
         ASSERT_TRUE(m_Probe.Open(s_pJack->Name()));
     }
+    int Create(enumZorPlayType type, int slot, int channels, int offset)
+    {
+        return m_Client.Create(type, slot, channels, offset);
+    }
     int Cmd(enumZorPlayType type, enumZorPlayCmd cmd, int slot, const void* payload = nullptr, size_t len = 0)
     {
         return m_Client.Call(type, cmd, slot, payload, len);
     }
-    // Answer of a request and whether the lines it printed contain text.
     ::testing::AssertionResult Prints(int answer, int expected, const std::string& text, size_t mark)
     {
-        if (answer != expected)
-            return ::testing::AssertionFailure() << "answer " << answer << ", expected " << expected;
-        if (!WaitUntil([&] { return m_Server.OutputSince(mark).find(text) != std::string::npos; }, 5000))
-            return ::testing::AssertionFailure() << "no \"" << text << "\" in:\n" << m_Server.OutputSince(mark);
-        return ::testing::AssertionSuccess();
+        return AnswersAndPrints(m_Server, answer, expected, text, mark);
     }
 
     JackProbe m_Probe;
@@ -54,8 +47,8 @@ protected:
 TEST_F(ModuleEngine, EverySlotOfBothKindsIsCreatedAndDeleted)
 {
     for (int slot = 0; slot < kMaxModuleSlots; ++slot) {
-        ASSERT_EQ(Create(m_Client, kPlay, slot, 1, slot), eResultSuccess) << slot;
-        ASSERT_EQ(Create(m_Client, kRec, slot, 1, slot), eResultSuccess) << slot;
+        ASSERT_EQ(Create(kPlay, slot, 1, slot), eResultSuccess) << slot;
+        ASSERT_EQ(Create(kRec, slot, 1, slot), eResultSuccess) << slot;
     }
     for (int slot = 0; slot < kMaxModuleSlots; ++slot) {
         EXPECT_TRUE(m_Probe.HasClient(ClientName(kPlay, slot))) << slot;
@@ -63,14 +56,8 @@ TEST_F(ModuleEngine, EverySlotOfBothKindsIsCreatedAndDeleted)
     }
 
     size_t mark = m_Server.OutputSize();
-    EXPECT_TRUE(Prints(Create(m_Client, kPlay, 3, 0, -1), eResultSlotOccupied, "Slot 3 is occupied.\r\n", mark))
+    EXPECT_TRUE(Prints(Create(kPlay, 3, 0, -1), eResultSlotOccupied, "Slot 3 is occupied.\r\n", mark))
         << "the slot is checked before the channels";
-
-    mark = m_Server.OutputSize();
-    EXPECT_EQ(Cmd(kRec, eCmdHello, 1), eResultSuccess);
-    EXPECT_TRUE(Prints(0, 0, "\t[7]:  Recorder007 is Idle, Channels: 1, Offset: 7, filename: , file progress: %0\r\n"
-                             "Players:\r\n\t[0]:    Player000 is Idle",
-                       mark));
 
     // Deleting all players leaves the recorders; deleting one recorder
     // empties just its slot.
@@ -103,25 +90,25 @@ TEST_F(ModuleEngine, CreateChecksItsArgumentsInOrder)
     for (const Case& c : cases) {
         for (enumZorPlayType type : {kRec, kPlay}) {
             const size_t mark = m_Server.OutputSize();
-            EXPECT_TRUE(Prints(Create(m_Client, type, 4, c.channels, c.offset), c.result, c.line, mark));
+            EXPECT_TRUE(Prints(Create(type, 4, c.channels, c.offset), c.result, c.line, mark));
         }
     }
     // The header check stands before the manager's: a slot of 8 or a type of
     // 2 never reaches it.
     size_t mark = m_Server.OutputSize();
-    EXPECT_TRUE(Prints(Create(m_Client, kRec, 8, 1, 0), eResultBadIndex,
+    EXPECT_TRUE(Prints(Create(kRec, 8, 1, 0), eResultBadIndex,
                        "Message fails validation: Module index out of bounds\r\n", mark));
     // Recorder 0 and player 0 live side by side; offset 8 passes the
     // manager's check and fails only at the connection.
-    EXPECT_EQ(Create(m_Client, kRec, 0, 8, 0), eResultSuccess);
-    EXPECT_EQ(Create(m_Client, kPlay, 0, 8, 0), eResultSuccess);
-    EXPECT_EQ(Create(m_Client, kPlay, 1, 1, 8), eResultNoConnect);
+    EXPECT_EQ(Create(kRec, 0, 8, 0), eResultSuccess);
+    EXPECT_EQ(Create(kPlay, 0, 8, 0), eResultSuccess);
+    EXPECT_EQ(Create(kPlay, 1, 1, 8), eResultNoConnect);
 }
 
 TEST_F(ModuleEngine, TheBaseStateMachineAnswersOverTheSocket)
 {
-    ASSERT_EQ(Create(m_Client, kRec, 0, 2, 0), eResultSuccess);
-    ASSERT_EQ(Create(m_Client, kPlay, 0, 2, 0), eResultSuccess);
+    ASSERT_EQ(Create(kRec, 0, 2, 0), eResultSuccess);
+    ASSERT_EQ(Create(kPlay, 0, 2, 0), eResultSuccess);
 
     for (enumZorPlayType type : {kRec, kPlay}) {
         size_t mark = m_Server.OutputSize();
@@ -167,12 +154,12 @@ TEST_F(ModuleEngine, ManyCreateDeleteCyclesLeaveNothingBehind)
     const pid_t pid = m_Server.Pid();
     // One module first, so that libjack's own threads and descriptors of a
     // first client are in the baseline.
-    ASSERT_EQ(Create(m_Client, kRec, 7, 1, 0), eResultSuccess);
+    ASSERT_EQ(Create(kRec, 7, 1, 0), eResultSuccess);
     const int threads = ThreadCount(pid);
     const int fds = DescriptorCount(pid);
     for (int i = 0; i < 200; ++i) {
         const enumZorPlayType type = i % 2 ? kPlay : kRec;
-        ASSERT_EQ(Create(m_Client, type, i % 7, 2, i % 7), eResultSuccess) << "cycle " << i;
+        ASSERT_EQ(Create(type, i % 7, 2, i % 7), eResultSuccess) << "cycle " << i;
         ASSERT_EQ(Cmd(type, eCmdDelete, i % 7), eResultSuccess) << "cycle " << i;
     }
     EXPECT_TRUE(WaitUntil([&] { return ThreadCount(pid) == threads; }, 5000))
@@ -186,77 +173,22 @@ TEST_F(ModuleEngine, ManyCreateDeleteCyclesLeaveNothingBehind)
         EXPECT_EQ(q.find("MQ"), std::string::npos) << "queue left in the system: " << q;
 }
 
-TEST_F(ModuleEngine, ExitWithModulesOfBothKindsTearsDownCleanly)
+TEST_F(ModuleEngine, ExitAndInterruptWithModulesOfBothKindsTearDownCleanly)
 {
-    for (int slot : {0, 3}) {
-        ASSERT_EQ(Create(m_Client, kRec, slot, 2, 0), eResultSuccess);
-        ASSERT_EQ(Create(m_Client, kPlay, slot, 2, 2), eResultSuccess);
-    }
-    EXPECT_EQ(Cmd(kRec, eCmdExit, 0), eResultSuccess);
-    EXPECT_EQ(m_Server.WaitExit(20000), 0) << m_Server.Output();
-}
-
-TEST_F(ModuleEngine, AnInterruptWithModulesOfBothKindsTearsDownCleanly)
-{
-    for (int slot : {1, 6}) {
-        ASSERT_EQ(Create(m_Client, kPlay, slot, 1, 0), eResultSuccess);
-        ASSERT_EQ(Create(m_Client, kRec, slot, 8, 0), eResultSuccess);
-    }
-    EXPECT_EQ(m_Server.Stop(20000), 0) << m_Server.Output();
-}
-
-class UnconnectedModules : public ModuleEngine {
-protected:
-    std::vector<std::string> ServerArgs() override { return {"-nc"}; }
-};
-
-TEST_F(UnconnectedModules, AreIdleWithNothingConnected)
-{
-    ASSERT_EQ(Create(m_Client, kPlay, 0, 8, 8), eResultSuccess) << "no port count check without connecting";
-    ASSERT_EQ(Create(m_Client, kRec, 0, 2, 0), eResultSuccess);
-    for (const std::string& port : m_Probe.Ports("^(Player000|Recorder000):"))
-        EXPECT_TRUE(m_Probe.Connections(port).empty()) << port;
-    EXPECT_EQ(m_Probe.Ports("^Player000:").size(), 8u);
-    size_t mark = m_Server.OutputSize();
-    EXPECT_TRUE(Prints(Cmd(kPlay, eCmdQueryStatus, 0), eResultSuccess, "Type: Player, State: Idle\r\n", mark));
-}
-
-// Creation that fails leaves the slot empty and nothing behind; these run
-// without the shared JACK server or with the queue limit lowered.
-class ModuleCreationFailures : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(m_Client.Open()); }
-    void TearDown() override
-    {
-        if (m_Server.Running()) {
-            EXPECT_EQ(m_Server.Stop(), 0) << m_Server.Output();
+    for (bool byExit : {true, false}) {
+        if (!byExit)
+            StartServer(ServerArgs());
+        for (int slot : {1, 6}) {
+            ASSERT_EQ(Create(kRec, slot, 8, 0), eResultSuccess);
+            ASSERT_EQ(Create(kPlay, slot, 2, slot), eResultSuccess);
         }
-        m_Client.Close();
+        if (byExit) {
+            EXPECT_EQ(Cmd(kRec, eCmdExit, 0), eResultSuccess);
+            EXPECT_EQ(m_Server.WaitExit(20000), 0) << m_Server.Output();
+        } else {
+            EXPECT_EQ(m_Server.Stop(20000), 0) << m_Server.Output();
+        }
     }
-    void StartServer(const std::string& jackName)
-    {
-        ASSERT_TRUE(m_Server.Start({}, jackName));
-        ASSERT_TRUE(WaitUntil(
-            [&] { return m_Client.Call(kRec, eCmdHello, 0, nullptr, 0, 200) == eResultSuccess; }, 15000))
-            << m_Server.Output();
-    }
-
-    ZorPlayProcess m_Server;
-    ProtocolClient m_Client;
-};
-
-TEST_F(ModuleCreationFailures, NoJackServerAnswers14UntilOneIsUp)
-{
-    const std::string name = JackServer::UniqueName();
-    StartServer(name);
-    EXPECT_EQ(Create(m_Client, kPlay, 0, 1, 0), eResultNoJack);
-    EXPECT_TRUE(m_Server.WaitForOutput("OpenJack: Couldn't open Jack client, status: 0x", 5000));
-    EXPECT_EQ(m_Client.Call(kPlay, eCmdStart, 0), eResultSlotEmpty);
-
-    JackServer jack;
-    ASSERT_TRUE(jack.Start(8, 8, name));
-    EXPECT_EQ(Create(m_Client, kPlay, 0, 1, 0), eResultSuccess);
-    EXPECT_EQ(m_Server.Stop(), 0) << m_Server.Output();
 }
 
 } // namespace

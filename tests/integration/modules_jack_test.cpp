@@ -1,6 +1,6 @@
-// Modules against JACK servers of other shapes than the usual 8 + 8 ports:
-// port runs counted per direction, a server without system ports, the module
-// table, and what live and failed modules leave in the system.
+// Modules against JACK servers of their own: none yet, other shapes than the
+// usual 8 + 8 ports, a capped port table. Port runs counted per direction,
+// -nc, the module table, and what live and failed modules leave behind.
 #include <algorithm>
 #include <fstream>
 #include <string>
@@ -87,9 +87,10 @@ protected:
             << "could not start a dummy jackd";
         ASSERT_TRUE(m_Probe.Open(m_Jack.Name()));
     }
-    void StartZorPlay(const std::vector<std::string>& args = {})
+    // Against the test's own JACK server, or the one named when it is to come later.
+    void StartZorPlay(const std::vector<std::string>& args = {}, const std::string& jackName = "")
     {
-        ASSERT_TRUE(m_Server.Start(args, m_Jack.Name()));
+        ASSERT_TRUE(m_Server.Start(args, jackName.empty() ? m_Jack.Name() : jackName));
         ASSERT_TRUE(WaitUntil(
             [&] {
                 return m_Server.Running() && FileExists(kServerSocketPath) &&
@@ -101,19 +102,12 @@ protected:
 
     int Create(enumZorPlayType type, int slot, int channels, int offset)
     {
-        structAddModule add = {channels, offset};
-        return m_Client.Call(type, eCmdCreate, slot, &add, sizeof(add));
+        return m_Client.Create(type, slot, channels, offset);
     }
     int Cmd(enumZorPlayType type, enumZorPlayCmd cmd, int slot) { return m_Client.Call(type, cmd, slot); }
-
-    // The answer of a request, and the text it printed after mark.
     ::testing::AssertionResult Prints(int answer, int expected, const std::string& text, size_t mark)
     {
-        if (answer != expected)
-            return ::testing::AssertionFailure() << "answer " << answer << ", expected " << expected;
-        if (!WaitUntil([&] { return m_Server.OutputSince(mark).find(text) != std::string::npos; }, 5000))
-            return ::testing::AssertionFailure() << "no \"" << text << "\" in:\n" << m_Server.OutputSince(mark);
-        return ::testing::AssertionSuccess();
+        return AnswersAndPrints(m_Server, answer, expected, text, mark);
     }
 
     bool NoModuleClients() const { return m_Probe.Ports("^(Player|Recorder)[0-9]").empty(); }
@@ -190,6 +184,18 @@ TEST_F(ModulesOnTheirOwnServer, AServerWithoutSystemPortsTakesModulesOnlyUnconne
                        "Players:\r\n"
                        "\t[0]:    Player000 is Idle, Channels: 2, Offset: 8, filename: , file progress: %0\r\n",
                        mark));
+}
+
+TEST_F(ModulesOnTheirOwnServer, WithoutAJackServerCreateAnswers14UntilOneIsUp)
+{
+    const std::string name = JackServer::UniqueName();
+    StartZorPlay({}, name);
+    const size_t mark = m_Server.OutputSize();
+    EXPECT_TRUE(Prints(Create(kPlay, 0, 1, 0), eResultNoJack, "OpenJack: Couldn't open Jack client, status: 0x", mark));
+    EXPECT_EQ(Cmd(kPlay, eCmdStart, 0), eResultSlotEmpty);
+
+    ASSERT_TRUE(m_Jack.Start(8, 8, name));
+    EXPECT_EQ(Create(kPlay, 0, 1, 0), eResultSuccess);
 }
 
 TEST_F(ModulesOnTheirOwnServer, PortsRegisteredBeforeARefusalGoWithTheClient)

@@ -45,6 +45,16 @@ int RunOnce(ChildProcess& proc, const std::vector<std::string>& args, const std:
     return proc.WaitExit(20000);
 }
 
+// Sends a request to the server path from a socket of the test's own.
+bool SendFrom(int fd, const structZorPlayMsg& msg)
+{
+    sockaddr_un server{};
+    server.sun_family = AF_UNIX;
+    strcpy(server.sun_path, kServerSocketPath);
+    return sendto(fd, &msg, sizeof(msg), 0, reinterpret_cast<const sockaddr*>(&server), sizeof(server)) ==
+           static_cast<ssize_t>(sizeof(msg));
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -259,13 +269,8 @@ TEST_F(ServerSpine, RequestFromAnotherPathIsAnsweredToTheClientPath)
     addr.sun_family = AF_UNIX;
     strcpy(addr.sun_path, otherPath);
     ASSERT_EQ(bind(other, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-    sockaddr_un server{};
-    server.sun_family = AF_UNIX;
-    strcpy(server.sun_path, kServerSocketPath);
-
     structZorPlayMsg req = m_Client.MakeRequest(eZorPlayRecorder, eCmdHello, 0);
-    ASSERT_EQ(sendto(other, &req, sizeof(req), 0, reinterpret_cast<sockaddr*>(&server), sizeof(server)),
-              static_cast<ssize_t>(sizeof(req)));
+    ASSERT_TRUE(SendFrom(other, req));
     structZorPlayMsg resp;
     ASSERT_TRUE(m_Client.ReceiveAny(resp, 10000));
     EXPECT_EQ(resp.nID, req.nID);
@@ -281,12 +286,9 @@ TEST_F(ServerSpine, WithNoClientBoundSendsFailAndServingGoesOn)
     m_Client.Close();
     // Send from an unbound socket: the server's answer has nowhere to go.
     int anon = socket(AF_UNIX, SOCK_DGRAM, 0);
-    sockaddr_un server{};
-    server.sun_family = AF_UNIX;
-    strcpy(server.sun_path, kServerSocketPath);
     structZorPlayMsg req;
     InitRequest(req, 99, eZorPlayPlayer, eCmdHello, 0);
-    ASSERT_GT(sendto(anon, &req, sizeof(req), 0, reinterpret_cast<sockaddr*>(&server), sizeof(server)), 0);
+    ASSERT_TRUE(SendFrom(anon, req));
     close(anon);
     EXPECT_TRUE(m_Server.WaitForOutput("SendResponse send() failed: No such file or directory\r\n", 5000))
         << m_Server.Output();
