@@ -47,8 +47,14 @@ public:
 
     std::atomic<unsigned> m_nServices{0};
     std::atomic<unsigned> m_nCompletions{0};
+    std::atomic<unsigned> m_nPauseMs{0};
 
 protected:
+    enumZorPlayResult DoPause() override
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(m_nPauseMs.load()));
+        return CRPBase::DoPause();
+    }
     void ServiceBuffer() override
     {
         m_nServices.fetch_add(1);
@@ -129,8 +135,14 @@ TEST_F(ModuleExchangeTest, EveryCommandGetsItsOwnAnswerWhileTheCallbackFloodsThe
     EXPECT_GT(m_Module.m_nServices.load(), 0u);
 }
 
-TEST_F(ModuleExchangeTest, OperationsOnAWorkerThatHasLeftAnswer34InsteadOfHanging)
+TEST_F(ModuleExchangeTest, ASlowWorkerIsWaitedForAndOneThatHasLeftAnswers34)
 {
+    // An answer that takes several of the main thread's waiting slices is
+    // still taken as this command's own, and the next command gets its own.
+    m_Module.m_nPauseMs = 450;
+    EXPECT_EQ(m_Module.Pause(), eResultNotRunning);
+    EXPECT_EQ(m_Module.Start(), eResultNoFile);
+
     m_Module.TellWorkerToLeave();
     // The exit token gets no answer; whatever was sent before it has been
     // answered, so the next operation finds a worker that is gone.
