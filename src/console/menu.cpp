@@ -1,6 +1,7 @@
 #include "console/menu.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <strings.h>
@@ -10,6 +11,7 @@
 
 #include "app/info_files.h"
 #include "app/logging.h"
+#include "modules/rp_common.h"
 #include "protocol/rp_server.h"
 
 namespace {
@@ -96,17 +98,16 @@ void CopyWavName(char* dst, unsigned size, const char* name)
     strncat(dst, ".wav", size - 1 - strlen(dst));
 }
 
-// The console keeps its own copy of the module state names it prints; the
-// values travel in progress messages and never change meaning.
-const char* const kStateNames[] = {
-    "Construction Complete", "Bad Initialization", "Idle",    "File Ready",   "Running",
-    "Paused",                "Draining",           "Halting", "Fast forward", "Rewind",
-};
+// Result texts as the console prints them: the protocol's own table.
+const char* const* const szResultStrings = g_ResultStrings;
 
+const char* ResultText(uint32_t result) { return result < eResultCount ? szResultStrings[result] : "Unknown result"; }
+
+// A state outside the table (a message from something other than this
+// server) is named, not looked up.
 const char* StateName(int32_t state)
 {
-    const int count = static_cast<int>(sizeof(kStateNames) / sizeof(kStateNames[0]));
-    return state >= 0 && state < count ? kStateNames[state] : "unknown";
+    return state >= 0 && state < eStateCount ? szZorPlayStateNames[state] : "unknown";
 }
 
 const char* TypeWord(enumZorPlayType type) { return type == eZorPlayRecorder ? "Recorder" : "Player"; }
@@ -133,8 +134,13 @@ menu::menu() : m_nMsgID(0), m_bEcho(false), m_nSocket(-1), m_hThread(), m_bThrea
         m_nSocket = -1;
         return;
     }
-    if (pipe(m_nWakeFDs) != 0)
+    // Without its wake descriptor the thread could not be stopped while
+    // standard input is idle, so it is not started.
+    if (pipe(m_nWakeFDs) != 0) {
         m_nWakeFDs[0] = m_nWakeFDs[1] = -1;
+        puts("Menu couldn't create worker thread\r");
+        return;
+    }
     // Lines are taken one at a time: with a buffered stdin, lines already
     // read ahead would wait unseen while select watches the descriptor.
     setvbuf(stdin, nullptr, _IONBF, 0);
@@ -155,11 +161,9 @@ menu::~menu()
     // Wake the thread before closing anything it waits on, so its descriptor
     // numbers cannot be reused under it; a thread never started is not joined.
     if (m_bThreadStarted) {
-        if (m_nWakeFDs[1] >= 0) {
-            char wake = 1;
-            ssize_t ignored = write(m_nWakeFDs[1], &wake, 1);
-            (void)ignored;
-        }
+        const char wake = 1;
+        ssize_t ignored = write(m_nWakeFDs[1], &wake, 1);
+        (void)ignored;
         pthread_join(m_hThread, nullptr);
     }
     if (m_nSocket >= 0) {
@@ -175,18 +179,20 @@ void* menu::MenuThreadStatic(void* self) { return static_cast<menu*>(self)->Menu
 
 void* menu::MenuThreadMember()
 {
+    // An interrupt is for the main loop, which shuts the process down; here
+    // it would only break the wait.
+    sigset_t interrupt;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
     ShowHelp();
     for (;;) {
         fd_set readSet;
         FD_ZERO(&readSet);
         FD_SET(0, &readSet);
         FD_SET(m_nSocket, &readSet);
-        int highest = m_nSocket;
-        if (m_nWakeFDs[0] >= 0) {
-            FD_SET(m_nWakeFDs[0], &readSet);
-            if (m_nWakeFDs[0] > highest)
-                highest = m_nWakeFDs[0];
-        }
+        FD_SET(m_nWakeFDs[0], &readSet);
+        const int highest = m_nSocket > m_nWakeFDs[0] ? m_nSocket : m_nWakeFDs[0];
         printf("> ");
         fflush(stdout);
 
@@ -197,7 +203,7 @@ void* menu::MenuThreadMember()
                 return nullptr;
             continue;
         }
-        if (m_nWakeFDs[0] >= 0 && FD_ISSET(m_nWakeFDs[0], &readSet))
+        if (FD_ISSET(m_nWakeFDs[0], &readSet))
             return nullptr; // the process is shutting down
 
         bool exitRequested = false;
@@ -482,7 +488,7 @@ void menu::PrintMessage(const structZorPlayMsg& msg, int length)
         }
     } else if (msg.nReq == eReqResponse) {
         printf("Response to id:%d, status: %d-%s\r\n", msg.nID, static_cast<int>(msg.payload.eResult),
-               ResultString(msg.payload.eResult));
+               ResultText(msg.payload.eResult));
     } else {
         printf("Client got %d byte UD message, ID=%d, cmd=%d, req=%d \r\n", length, msg.nID,
                static_cast<int>(msg.eCmd), msg.nReq);
