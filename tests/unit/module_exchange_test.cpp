@@ -43,6 +43,15 @@ public:
         return r == eResultSuccess ? StartWorker() : r;
     }
     void Post(eRPInternalToken token) { SendRTRequest(token); }
+    // A token and, when len is not 0, a payload of any length; the answer.
+    enumZorPlayResult Raw(uint32_t token, unsigned len)
+    {
+        static char payload[kZorPlayPayloadSize];
+        SendInternal(static_cast<eRPCommandToken>(token));
+        if (len)
+            SendInternal(payload, len);
+        return GetResponse();
+    }
     void TellWorkerToLeave() { SendInternal(eTokenExit); }
 
     std::atomic<unsigned> m_nServices{0};
@@ -133,6 +142,19 @@ TEST_F(ModuleExchangeTest, EveryCommandGetsItsOwnAnswerWhileTheCallbackFloodsThe
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(m_Module.m_nCompletions.load(), kFileDoneEvents);
     EXPECT_GT(m_Module.m_nServices.load(), 0u);
+}
+
+TEST_F(ModuleExchangeTest, MalformedCommandsAreAnsweredOrDropped)
+{
+    // A payload of another length than its record's answers 2, an unknown
+    // token 6; a message of another length where a token is due is dropped,
+    // so the answer that follows is the next command's.
+    EXPECT_EQ(m_Module.Raw(eTokenSetupPlayFile, sizeof(structSetupPlayFile) - 1), eResultBadLength);
+    EXPECT_EQ(m_Module.Raw(eTokenSetupRecordFile, 8), eResultBadLength);
+    EXPECT_EQ(m_Module.Raw(eTokenSeekToTime, 4), eResultBadLength);
+    EXPECT_EQ(m_Module.Raw(eTokenCount, 0), eResultUnknownCommand);
+    EXPECT_EQ(m_Module.Raw(eTokenStart, kZorPlayPayloadSize), eResultNoFile);
+    EXPECT_EQ(m_Module.Raw(eTokenStop, 0), eResultNotRunning);
 }
 
 TEST_F(ModuleExchangeTest, ASlowWorkerIsWaitedForAndOneThatHasLeftAnswers34)
