@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "app/globals.h"
 #include "app/info_files.h"
@@ -15,7 +16,7 @@ const char kNodeFailed[] = "File node couldn't be created - %s: empty path, file
 
 CPlayFileHandler::CPlayFileHandler(unsigned channels)
     : m_nChannels(channels), m_nNextStageIndex(0), m_nReadingIndex(0), m_nPortPlayingIndex(0),
-      m_nNextCompletionIndex(0), m_pPlaylist(new CPlaylist), m_pFastWind(new CFastWindInfo)
+      m_nNextCompletionIndex(0), m_pPlaylist(new CPlaylist), m_pNewPlaylist(nullptr), m_pFastWind(new CFastWindInfo)
 {
     m_szPathScratch[0] = '\0';
     for (unsigned i = 0; i < kPlaySlots; ++i)
@@ -27,6 +28,7 @@ CPlayFileHandler::~CPlayFileHandler()
     for (unsigned i = 0; i < kPlaySlots; ++i)
         delete m_pFiles[i];
     delete m_pPlaylist;
+    delete m_pNewPlaylist;
     delete m_pFastWind;
 }
 
@@ -159,22 +161,46 @@ enumZorPlayResult CPlayFileHandler::AddSingleFile(structSetupPlayFile* setup)
 
 enumZorPlayResult CPlayFileHandler::AddPlaylist(structSetupPlaylist* setup)
 {
-    CRTGatePark park(m_Gate);
-    // Files still staged (a set-up arriving while playing) are cleared first,
-    // so that no slot keeps an open file the new playlist would reuse.
-    if (!IsEmpty() || m_pPlaylist->IsActive())
-        EndPlaylist();
+    const enumZorPlayResult r = IndexNewPlaylist(setup);
+    return r == eResultSuccess ? InstallNewPlaylist() : r;
+}
+
+// Files still staged (a set-up arriving while playing) keep playing while the
+// new list is indexed into a second playlist: a set-up that fails leaves them
+// as they were.
+enumZorPlayResult CPlayFileHandler::IndexNewPlaylist(structSetupPlaylist* setup)
+{
     strscpy(m_szPathScratch, setup->szPlaylist, sizeof(setup->szPlaylist));
-    const enumZorPlayResult r = m_pPlaylist->SetupPlaylistFile(m_szPathScratch);
-    if (r != eResultSuccess)
-        return r;
+    CPlaylist* list = m_pPlaylist;
+    if (!IsEmpty() || m_pPlaylist->IsActive()) {
+        if (!m_pNewPlaylist)
+            m_pNewPlaylist = new CPlaylist;
+        list = m_pNewPlaylist;
+    }
+    return list->SetupPlaylistFile(m_szPathScratch);
+}
+
+// The old files are cleared first, so that no slot keeps an open file the new
+// list would reuse.
+enumZorPlayResult CPlayFileHandler::InstallNewPlaylist()
+{
+    CRTGatePark park(m_Gate);
+    if (m_pNewPlaylist && m_pNewPlaylist->IsActive()) {
+        EndPlaylist();
+        std::swap(m_pPlaylist, m_pNewPlaylist);
+    }
     m_nNextStageIndex.store(0, std::memory_order_relaxed);
     m_nReadingIndex.store(0, std::memory_order_relaxed);
     m_nPortPlayingIndex.store(0, std::memory_order_relaxed);
     m_nNextCompletionIndex.store(0, std::memory_order_relaxed);
     // With every index at 0 the ring is full at stage index 4.
     StagePlaylistEntries(true);
-    return OpenFile() ? eResultSuccess : eResultCantOpenFile;
+    if (OpenFile())
+        return eResultSuccess;
+    // Nothing in the list could be opened: it is closed at once, so manual
+    // files are accepted again.
+    EndPlaylist();
+    return eResultCantOpenFile;
 }
 
 int CPlayFileHandler::ServiceBuffer()

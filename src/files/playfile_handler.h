@@ -35,6 +35,7 @@ public:
     CPlayFileHandler& operator=(const CPlayFileHandler&) = delete;
 
     // CFileHandler, worker thread.
+    // IndexNewPlaylist, then on success InstallNewPlaylist.
     enumZorPlayResult AddPlaylist(structSetupPlaylist* setup) override;
     using CFileHandler::AddSingleFile;
     enumZorPlayResult AddSingleFile(structSetupPlayFile* setup) override;
@@ -44,6 +45,11 @@ public:
     void DoDisplayDebug() override;
 
     // Worker thread.
+    // A playlist set-up in two steps: the list is opened and indexed (the
+    // callback plays on), then installed in place of whatever is staged
+    // (parking the callback) with its first entries staged and opened.
+    enumZorPlayResult IndexNewPlaylist(structSetupPlaylist* setup);
+    enumZorPlayResult InstallNewPlaylist();
     bool OpenFile();
     int ServiceBuffer();
     unsigned GetActivePlaylistIndex() const;
@@ -108,6 +114,9 @@ private:
     std::atomic<uint32_t> m_nPortPlayingIndex;
     std::atomic<uint32_t> m_nNextCompletionIndex; // worker
     CPlaylist* m_pPlaylist;                       // worker
+    // A list set up while files are staged is indexed here first and
+    // swapped in only once it proves good; created when first needed.
+    CPlaylist* m_pNewPlaylist; // worker
     CFastWindInfo* m_pFastWind;                   // worker
     CPlayFile* m_pFiles[kPlaySlots];
     // Raised by the worker while it may be between finding the end of the

@@ -178,11 +178,23 @@ enumZorPlayResult CPlayer::DoSetupFile(structSetupPlayFile* pSetup)
 enumZorPlayResult CPlayer::DoSetupPlaylist(structSetupPlaylist* pSetup)
 {
     pSetup->szPlaylist[kPlaylistFieldSize - 1] = '\0';
-    const enumZorPlayResult r = m_pFileHandler->AddPlaylist(pSetup);
-    if (r == eResultSuccess) {
-        SetState(eStateFileReady);
-        PrimePlayBuffer();
+    // The handler's AddPlaylist in its two steps: a list that cannot be
+    // indexed leaves play untouched. One that replaces live play keeps the
+    // callback off until the state says File Ready, so that the new list's
+    // first frames wait for Start.
+    enumZorPlayResult r = m_PlayFileHandler.IndexNewPlaylist(pSetup);
+    if (r != eResultSuccess)
+        return r;
+    {
+        CRTGatePark park(m_PlayFileHandler.GetRTGate());
+        r = m_PlayFileHandler.InstallNewPlaylist();
+        if (r == eResultSuccess)
+            SetState(eStateFileReady);
+        else
+            SetState(eStateIdle); // the old files are gone and nothing of the new list opened
     }
+    if (r == eResultSuccess)
+        PrimePlayBuffer();
     return r;
 }
 
@@ -227,10 +239,17 @@ enumZorPlayResult CPlayer::DoSeekToTime(structSeekOperation* pSeek)
     const int state = GetState();
     if (state != eStateFileReady && state != eStateRunning && state != eStatePaused)
         return eResultNotRunning;
-    const enumZorPlayResult r = m_PlayFileHandler.SeekToTime(pSeek->nSeconds);
-    if (r != eResultSuccess)
-        return r;
-    m_nPortPosition.store(m_PlayFileHandler.GetPortPosition(), std::memory_order_relaxed);
+    {
+        // The position is taken before the callback plays from it again.
+        CRTGatePark park(m_PlayFileHandler.GetRTGate());
+        const enumZorPlayResult r = m_PlayFileHandler.SeekToTime(pSeek->nSeconds);
+        if (r != eResultSuccess)
+            return r;
+        m_nPortPosition.store(m_PlayFileHandler.GetPortPosition(), std::memory_order_relaxed);
+        // A seek right after the set-up may come before the callback has
+        // taken the file's length: the report carries it all the same.
+        m_nPortMaxLen.store(m_PlayFileHandler.GetPortMaxLen(), std::memory_order_relaxed);
+    }
     DoReportProgress();
     return eResultSuccess;
 }
@@ -238,25 +257,25 @@ enumZorPlayResult CPlayer::DoSeekToTime(structSeekOperation* pSeek)
 enumZorPlayResult CPlayer::DoStart()
 {
     const int state = GetState();
-    if (state == eStateFastForward || state == eStateRewind) {
-        SetState(eStateRunning);
-        return static_cast<enumZorPlayResult>(m_PlayFileHandler.FastWind(false, false, false));
-    }
+    if (state == eStateFastForward || state == eStateRewind)
+        return Wind(eStateRunning, false, false, false);
     return CRPBase::DoStart();
 }
 
 enumZorPlayResult CPlayer::DoPause()
 {
     const int state = GetState();
-    if (state == eStateFastForward || state == eStateRewind) {
-        SetState(eStatePaused);
-        return static_cast<enumZorPlayResult>(m_PlayFileHandler.FastWind(false, false, false));
-    }
+    if (state == eStateFastForward || state == eStateRewind)
+        return Wind(eStatePaused, false, false, false);
     return CRPBase::DoPause();
 }
 
+// The callback is kept off across the state change and the wind, so that it
+// neither plays buffered audio in the new state (a silent wind from Paused
+// would let it be heard) nor reads a buffer the wind is flushing.
 enumZorPlayResult CPlayer::Wind(int newState, bool bEngage, bool bForward, bool bSilent)
 {
+    CRTGatePark park(m_PlayFileHandler.GetRTGate());
     SetState(newState);
     return static_cast<enumZorPlayResult>(m_PlayFileHandler.FastWind(bEngage, bForward, bSilent));
 }
