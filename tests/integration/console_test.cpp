@@ -96,12 +96,13 @@ TEST_F(Console, EachCommandSendsItsRequestAndParseErrorsSendNothing)
     EXPECT_EQ(m.nVersion, 0u);
     EXPECT_EQ(m.nLength, kZorPlayMsgSize);
     EXPECT_EQ(m.nID, 0);
-    EXPECT_EQ(m.nReq, 0);
+    EXPECT_EQ(m.nReq, eReqRequest);
+    EXPECT_EQ(m.eType, eZorPlayRecorder);
     EXPECT_EQ(m.eCmd, eCmdHello);
     EXPECT_EQ(m.nIndex, 0);
 
     // Parse errors send nothing and use no request id.
-    for (const char* bad : {"GO", "go 0", "go 0 1 2", "# go 0 1", "", "sf x 0 name"})
+    for (const char* bad : {"GO", "go 0", "go 0 1 2", "# go 0 1", "", "sf x 0 name", "sp 1 y list"})
         EXPECT_FALSE(Type(bad, m, 300)) << "'" << bad << "' sent something";
     ASSERT_TRUE(m_Server.WaitForOutput("First param not integer\r\n", 5000));
     const std::string out = m_Server.Output();
@@ -109,27 +110,41 @@ TEST_F(Console, EachCommandSendsItsRequestAndParseErrorsSendNothing)
     EXPECT_NE(out.find("Too few parameters for command\r\n"), std::string::npos);
     EXPECT_NE(out.find("Too many parameters for command\n"), std::string::npos);
 
-    ASSERT_TRUE(Type("go,0;1", m)) << m_Server.Output();
-    EXPECT_EQ(m.nID, 1);
-    EXPECT_EQ(m.eCmd, eCmdStart);
-    EXPECT_EQ(m.eType, eZorPlayRecorder);
-    EXPECT_EQ(m.nIndex, 1);
-
-    ASSERT_TRUE(Type("ami 0 2 2 1", m));
-    EXPECT_EQ(m.nID, 2);
-    EXPECT_EQ(m.eCmd, eCmdCreate);
-    EXPECT_EQ(m.nIndex, 2);
-    EXPECT_EQ(m.payload.addModule.nChannels, 2);
-    EXPECT_EQ(m.payload.addModule.nOffset, 0) << "typed JACK ports count from 1";
-
-    ASSERT_TRUE(Type("am 1 3 4", m));
-    EXPECT_EQ(m.eType, eZorPlayPlayer);
-    EXPECT_EQ(m.nIndex, 0);
-    EXPECT_EQ(m.payload.addModule.nChannels, 3);
-    EXPECT_EQ(m.payload.addModule.nOffset, 4);
+    // Header fields and the first two words of the payload. Request ids go
+    // on from 1.
+    const struct {
+        const char* line;
+        enumZorPlayCmd cmd;
+        uint32_t type;
+        int index;
+        int32_t word0, word1;
+    } cases[] = {
+        {"go,0;1", eCmdStart, 0, 1, 0, 0},           {"ami 0 2 2 1", eCmdCreate, 0, 2, 2, 0}, // ports typed from 1
+        {"am 1 3 4", eCmdCreate, 1, 0, 3, 4},        {"sk 1 0 -2", eCmdSkipInPlaylist, 1, 0, 1, -2},
+        {"ska 1 0 5", eCmdSkipInPlaylist, 1, 0, 0, 5}, {"se 1 4 30", eCmdSeek, 1, 4, 0, 30},
+        {"p 1 5", eCmdPause, 1, 5, 0, 0},            {"ff 1 6", eCmdFastForward, 1, 6, 0, 0},
+        {"rw 1 7", eCmdRewind, 1, 7, 0, 0},          {"q 0 1", eCmdStop, 0, 1, 0, 0},
+        {"dd 1 4", eCmdQueryStatus, 1, 4, 0, 0},     {"d 5 3", eCmdDelete, 1, 3, 0, 0},
+        {"da 0", eCmdDeleteAll, 0, 0, 0, 0},         {"ls", eCmdHello, 0, 1, 0, 0},
+        {"go a 1", eCmdStart, 0, 1, 0, 0}, // a number that does not parse goes out as 0
+    };
+    int id = 1;
+    for (const auto& c : cases) {
+        ASSERT_TRUE(Type(c.line, m)) << c.line;
+        int32_t words[2];
+        memcpy(words, &m.payload, sizeof(words));
+        EXPECT_EQ(m.nID, id++) << c.line;
+        EXPECT_EQ(m.eCmd, c.cmd) << c.line;
+        EXPECT_EQ(m.eType, c.type) << c.line;
+        EXPECT_EQ(m.nIndex, c.index) << c.line;
+        EXPECT_EQ(words[0], c.word0) << c.line;
+        EXPECT_EQ(words[1], c.word1) << c.line;
+    }
+    EXPECT_TRUE(m_Server.WaitForOutput("Parameters not both integer\r\n", 5000));
 
     ASSERT_TRUE(Type("sf 0 3 take1", m));
     EXPECT_EQ(m.eCmd, eCmdSetupFile);
+    EXPECT_EQ(m.eType, eZorPlayRecorder);
     EXPECT_EQ(m.nIndex, 3);
     const structSetupFile& rec = m.payload.setupFile;
     EXPECT_EQ(rec.bSecondary, 0);
@@ -143,6 +158,7 @@ TEST_F(Console, EachCommandSendsItsRequestAndParseErrorsSendNothing)
 
     ASSERT_TRUE(Type("rf 0 3 b.WAV", m));
     EXPECT_EQ(m.payload.setupFile.bSecondary, 1);
+    EXPECT_EQ(m.payload.setupFile.nFileSeconds, 10u);
     EXPECT_EQ(m.payload.setupFile.nWordLength, 0);
     EXPECT_STREQ(m.payload.setupFile.szFilenames[0], "b.WAV");
 
@@ -159,46 +175,12 @@ TEST_F(Console, EachCommandSendsItsRequestAndParseErrorsSendNothing)
 
     ASSERT_TRUE(Type("sp 1 4 list.txt", m));
     EXPECT_EQ(m.eCmd, eCmdSetupPlaylist);
+    EXPECT_EQ(m.eType, eZorPlayPlayer);
     EXPECT_EQ(m.nIndex, 4);
     EXPECT_STREQ(m.payload.setupPlaylist.szPlaylist, "list.txt") << "no extension added";
 
-    ASSERT_TRUE(Type("sk 1 0 -2", m));
-    EXPECT_EQ(m.eCmd, eCmdSkipInPlaylist);
-    EXPECT_EQ(m.payload.skipInPlaylist.bRelative, 1);
-    EXPECT_EQ(m.payload.skipInPlaylist.nSkip, -2);
-    ASSERT_TRUE(Type("ska 1 0 5", m));
-    EXPECT_EQ(m.payload.skipInPlaylist.bRelative, 0);
-    EXPECT_EQ(m.payload.skipInPlaylist.nSkip, 5);
-    ASSERT_TRUE(Type("se 1 0 30", m));
-    EXPECT_EQ(m.eCmd, eCmdSeek);
-    EXPECT_EQ(m.payload.seekOperation.nSeconds, 30);
-
-    const struct {
-        const char* line;
-        enumZorPlayCmd cmd;
-        uint32_t type;
-        int index;
-    } simple[] = {
-        {"p 1 5", eCmdPause, 1, 5},    {"ff 1 6", eCmdFastForward, 1, 6}, {"rw 1 7", eCmdRewind, 1, 7},
-        {"q 0 1", eCmdStop, 0, 1},     {"dd 1 4", eCmdQueryStatus, 1, 4}, {"d 5 3", eCmdDelete, 1, 3},
-        {"da 0", eCmdDeleteAll, 0, 0}, {"ls", eCmdHello, 0, 1},
-    };
-    for (const auto& c : simple) {
-        ASSERT_TRUE(Type(c.line, m)) << c.line;
-        EXPECT_EQ(m.eCmd, c.cmd) << c.line;
-        EXPECT_EQ(m.eType, c.type) << c.line;
-        EXPECT_EQ(m.nIndex, c.index) << c.line;
-    }
-
-    // A number that does not parse is reported and sent as 0.
-    ASSERT_TRUE(Type("go a 1", m));
-    EXPECT_EQ(m.eCmd, eCmdStart);
-    EXPECT_EQ(m.eType, eZorPlayRecorder);
-    EXPECT_EQ(m.nIndex, 1);
-    EXPECT_TRUE(m_Server.WaitForOutput("Parameters not both integer\r\n", 5000));
-
     // End of input halts like "x".
-    int lastID = m.nID;
+    const int lastID = m.nID;
     m_Server.CloseInput();
     ASSERT_TRUE(m_Stolen.Receive(m));
     EXPECT_EQ(m.eCmd, eCmdExit);
