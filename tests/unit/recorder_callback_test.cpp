@@ -7,9 +7,12 @@
 
 #include <sndfile.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "app/globals.h"
@@ -34,6 +37,8 @@ public:
     using CRecorder::RecordPeriod;
     using CRecorder::ServiceBuffer;
     using CRecorder::SetState;
+    using CRecorder::StartWorker;
+    using CRecorder::StopWorker;
 
     unsigned QueuedTokens() const
     {
@@ -46,7 +51,7 @@ public:
     const structZorPlayMsg& Completion() const { return m_CompletionMsg; }
 };
 
-TEST(RecorderCallback, OverrunsCountPerShortPeriodAndAStopWritesWhatIsBuffered)
+void ExpectQueueDepth()
 {
     unsigned depth = 0;
     if (FILE* f = fopen("/proc/sys/fs/mqueue/msg_max", "r")) {
@@ -55,6 +60,48 @@ TEST(RecorderCallback, OverrunsCountPerShortPeriodAndAStopWritesWhatIsBuffered)
         fclose(f);
     }
     ASSERT_GE(depth, 200u) << "module queues need 200 messages: echo 256 > /proc/sys/fs/mqueue/msg_max";
+}
+
+// Frame n of the test signal carries n / 2^23 on the left and its negative on
+// the right: exact at 24 bits.
+void FillPeriod(std::vector<float>& left, std::vector<float>& right, unsigned first)
+{
+    for (unsigned f = 0; f < kPeriodFrames; ++f) {
+        left[f] = static_cast<float>(first + f) / 8388608.0f;
+        right[f] = -left[f];
+    }
+}
+
+// A 24-bit stereo file holds exactly frames [first, first + frames) of the signal.
+void ExpectSignal(const std::string& file, int first, int frames)
+{
+    SF_INFO info{};
+    SNDFILE* sf = sf_open(file.c_str(), SFM_READ, &info);
+    ASSERT_NE(sf, nullptr) << file;
+    std::vector<int> got(static_cast<size_t>(info.frames) * kChannels);
+    sf_readf_int(sf, got.data(), info.frames);
+    sf_close(sf);
+    ASSERT_EQ(info.frames, frames) << file;
+    for (int n = 0; n < frames; ++n) {
+        ASSERT_EQ(got[2 * n] >> 8, first + n) << file << " frame " << n;
+        ASSERT_EQ(got[2 * n + 1] >> 8, -(first + n)) << file << " frame " << n;
+    }
+}
+
+structSetupFile Setup24(const std::string& file, unsigned seconds = 0, int roll = 0, int secondary = 0)
+{
+    structSetupFile setup{};
+    snprintf(setup.szFilenames[0], sizeof(setup.szFilenames[0]), "%s", file.c_str());
+    setup.nWordLength = 2;
+    setup.nFileSeconds = seconds;
+    setup.bRoll = roll;
+    setup.bSecondary = secondary;
+    return setup;
+}
+
+TEST(RecorderCallback, OverrunsCountPerShortPeriodAndAStopWritesWhatIsBuffered)
+{
+    ExpectQueueDepth();
 
     // The ring buffer is sized in JACK periods: with a 256-frame period it
     // holds 200 x 256 frames less the one kept free, 49 periods of 1024
@@ -69,9 +116,7 @@ TEST(RecorderCallback, OverrunsCountPerShortPeriodAndAStopWritesWhatIsBuffered)
     CBareRecorder rec(&server);
     ASSERT_EQ(rec.CreateQueues(), eResultSuccess);
     rec.SetState(eStateIdle); // as after a connected Initialize()
-    structSetupFile setup{};
-    snprintf(setup.szFilenames[0], sizeof(setup.szFilenames[0]), "%s", file.c_str());
-    setup.nWordLength = 2; // 24 bits: the ramp below is exact
+    structSetupFile setup = Setup24(file);
     ASSERT_EQ(rec.DoSetupFile(&setup), eResultSuccess);
     ASSERT_EQ(rec.Buffer()->GetTotalFrames(), 51200u);
 
@@ -80,15 +125,11 @@ TEST(RecorderCallback, OverrunsCountPerShortPeriodAndAStopWritesWhatIsBuffered)
     ASSERT_EQ(rec.DoStart(), eResultSuccess);
     EXPECT_EQ(rec.Buffer()->GetReadableFrames(), 0u);
 
-    // Frame n carries n / 2^23 on the left and its negative on the right.
     std::vector<float> left(kPeriodFrames), right(kPeriodFrames);
     const float* ports[kChannels] = {left.data(), right.data()};
     constexpr unsigned kPeriods = 52;
     for (unsigned p = 0; p < kPeriods; ++p) {
-        for (unsigned f = 0; f < kPeriodFrames; ++f) {
-            left[f] = static_cast<float>(p * kPeriodFrames + f) / 8388608.0f;
-            right[f] = -left[f];
-        }
+        FillPeriod(left, right, p * kPeriodFrames);
         rec.RecordPeriod(ports, kPeriodFrames);
         ASSERT_EQ(rec.Overruns(), p < 49 ? 0u : p - 48) << "period " << p;
         ASSERT_EQ(rec.QueuedTokens(), p + 1) << "period " << p;
@@ -122,17 +163,65 @@ TEST(RecorderCallback, OverrunsCountPerShortPeriodAndAStopWritesWhatIsBuffered)
     EXPECT_EQ(done.nXRuns, 3u);
 
     // The file holds the first 51199 frames, interleaved, in order.
-    SF_INFO info{};
-    SNDFILE* sf = sf_open(file.c_str(), SFM_READ, &info);
-    ASSERT_NE(sf, nullptr);
-    std::vector<int> got(static_cast<size_t>(info.frames) * kChannels);
-    sf_readf_int(sf, got.data(), info.frames);
-    sf_close(sf);
-    ASSERT_EQ(info.frames, 51199);
-    for (int n = 0; n < 51199; ++n) {
-        ASSERT_EQ(got[2 * n] >> 8, n) << "frame " << n;
-        ASSERT_EQ(got[2 * n + 1] >> 8, -n) << "frame " << n;
+    ExpectSignal(file, 0, 51199);
+    EXPECT_EQ(system(("rm -rf " + std::string(dir)).c_str()), 0);
+}
+
+// The callback on a thread of its own against the real worker, as under
+// JACK: the worker drains, rolls over at a 1 s limit and, with no names for a
+// second roll, stops at the next limit, dropping what is buffered by its own
+// read cursor while the callback may still be writing. Every frame recorded
+// before the stop lands in exactly one file. Runs under ThreadSanitizer in
+// the sanitizer build.
+TEST(RecorderCallback, CallbackThreadAgainstTheWorkerRollsAndStops)
+{
+    ExpectQueueDepth();
+    g_nJackSampleRate = 48000;
+    g_nBufferSizeFrames = 256;
+    char dir[] = "/tmp/zp_reccb_XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string files[2] = {std::string(dir) + "/a.wav", std::string(dir) + "/b.wav"};
+
+    testing::internal::CaptureStdout(); // the unrequested messages fail to go out
+    {
+        CRPServer server;
+        CBareRecorder rec(&server);
+        ASSERT_EQ(rec.CreateQueues(), eResultSuccess);
+        rec.SetState(eStateIdle);
+        ASSERT_EQ(rec.StartWorker(), eResultSuccess);
+        structSetupFile primary = Setup24(files[0], 1, 1), secondary = Setup24(files[1], 1, 0, 1);
+        ASSERT_EQ(rec.SetupFile(&primary), eResultSuccess);
+        ASSERT_EQ(rec.SetupFile(&secondary), eResultSuccess);
+        ASSERT_EQ(rec.Start(), eResultSuccess);
+
+        // Periods are offered only while they fit, so nothing is lost to an
+        // overrun; the callback goes on after the stop, as JACK would.
+        std::atomic<bool> done{false};
+        std::thread callback([&] {
+            std::vector<float> left(kPeriodFrames), right(kPeriodFrames);
+            const float* ports[kChannels] = {left.data(), right.data()};
+            for (unsigned first = 0; !done.load(); std::this_thread::yield()) {
+                // Like the callback, touch the buffer only after seeing Running.
+                if (rec.GetState() == eStateRunning && rec.Buffer()->GetWritableFrames() < kPeriodFrames)
+                    continue;
+                FillPeriod(left, right, first);
+                rec.RecordPeriod(ports, kPeriodFrames);
+                first += kPeriodFrames;
+            }
+        });
+        for (int i = 0; i < 3000 && rec.GetState() != eStateIdle; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        done.store(true);
+        callback.join();
+        // Joined here, before this test type's destructor changes the vtable.
+        rec.StopWorker();
+        ASSERT_EQ(rec.GetState(), eStateIdle) << "the second limit did not stop the recording";
+        EXPECT_EQ(rec.Overruns(), 0u);
     }
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("Trying to roll, but no filenames!\r\n"), std::string::npos) << out;
+    ExpectSignal(files[0], 0, 48000);
+    ExpectSignal(files[1], 48000, 48000);
     EXPECT_EQ(system(("rm -rf " + std::string(dir)).c_str()), 0);
 }
 
