@@ -107,7 +107,7 @@ const char* ResultText(uint32_t result) { return result < eResultCount ? szResul
 // server) is named, not looked up.
 const char* StateName(int32_t state)
 {
-    return state >= 0 && state < eStateCount ? szZorPlayStateNames[state] : "unknown";
+    return state >= 0 && state < eStateCount ? szZorPlayStateNames[state] : "Unknown";
 }
 
 const char* TypeWord(enumZorPlayType type) { return type == eZorPlayRecorder ? "Recorder" : "Player"; }

@@ -646,6 +646,8 @@ enumZorPlayResult CRPBase::DoReportProgress()
     p.nState = GetState();
     p.nElapsed = GetProgressElapsed();
     p.nMax = GetProgressMax();
+    // A position a little past the length (rounding of a converted file)
+    // reports nothing remaining rather than a wrapped count.
     p.nRemaining = p.nMax > p.nElapsed ? p.nMax - p.nElapsed : 0;
     const unsigned len = m_pFileHandler->GetRTBufLen();
     p.nBufferPercent = len == 0 ? 0 : static_cast<uint32_t>(100ULL * m_nPeakBufferFrames.load() / len);
