@@ -34,6 +34,8 @@ public:
     using CRecorder::DoSetupFile;
     using CRecorder::DoStart;
     using CRecorder::DoStop;
+    using CRecorder::GetProgressElapsed;
+    using CRecorder::GetProgressMax;
     using CRecorder::RecordPeriod;
     using CRecorder::ServiceBuffer;
     using CRecorder::SetState;
@@ -116,6 +118,7 @@ TEST(RecorderCallback, OverrunsCountPerShortPeriodAndAStopWritesWhatIsBuffered)
     CBareRecorder rec(&server);
     ASSERT_EQ(rec.CreateQueues(), eResultSuccess);
     rec.SetState(eStateIdle); // as after a connected Initialize()
+    EXPECT_EQ(rec.GetProgressElapsed() + rec.GetProgressMax(), 0u) << "no file rate before any set-up";
     structSetupFile setup = Setup24(file);
     ASSERT_EQ(rec.DoSetupFile(&setup), eResultSuccess);
     ASSERT_EQ(rec.Buffer()->GetTotalFrames(), 51200u);
