@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstring>
 #include <poll.h>
+#include <sys/stat.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -284,4 +285,16 @@ TEST_F(Console, InterruptEndsTheProcessWhileTheConsoleWaitsForInput)
     m_Server.Signal(SIGINT);
     EXPECT_EQ(m_Server.WaitExit(10000), 0) << m_Server.Output();
     EXPECT_FALSE(FileExists(kClientSocketPath)) << "the console removes its socket file";
+}
+
+TEST_F(Console, WithoutItsSocketTheConsoleDoesNotStartAndShutdownStillEnds)
+{
+    rmdir(kClientSocketPath);
+    ASSERT_EQ(mkdir(kClientSocketPath, 0700), 0) << "a directory where the console binds";
+    ASSERT_TRUE(m_Server.Start({"-i", "-s"}, s_pJack->Name(), true));
+    EXPECT_TRUE(m_Server.WaitForOutput("Can't bind unix socket '/tmp/recorder_unix_socket_client': ", 10000))
+        << m_Server.Output();
+    EXPECT_EQ(m_Server.Stop(), 0) << m_Server.Output();
+    EXPECT_EQ(m_Server.Output().find("Command Menu"), std::string::npos);
+    rmdir(kClientSocketPath);
 }
