@@ -148,10 +148,18 @@ menu::menu() : m_nMsgID(0), m_bEcho(false), m_nSocket(-1), m_hThread(), m_bThrea
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setstacksize(&attr, 0x10000);
+    // An interrupt is for the main loop, which shuts the process down; in
+    // the console thread it would only break the wait. The thread starts
+    // with it blocked.
+    sigset_t interrupt, previous;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &interrupt, &previous);
     if (pthread_create(&m_hThread, &attr, MenuThreadStatic, this) == 0)
         m_bThreadStarted = true;
     else
         puts("Menu couldn't create worker thread\r");
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     pthread_attr_destroy(&attr);
 }
 
@@ -179,12 +187,6 @@ void* menu::MenuThreadStatic(void* self) { return static_cast<menu*>(self)->Menu
 
 void* menu::MenuThreadMember()
 {
-    // An interrupt is for the main loop, which shuts the process down; here
-    // it would only break the wait.
-    sigset_t interrupt;
-    sigemptyset(&interrupt);
-    sigaddset(&interrupt, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
     ShowHelp();
     for (;;) {
         fd_set readSet;
