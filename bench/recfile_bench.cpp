@@ -30,14 +30,19 @@ constexpr int kPeriods = 2000;
 
 typedef std::chrono::steady_clock Clock;
 
+// A directory of the run's own, removed at exit (each benchmark removes its files).
+std::string s_Dir;
+void RemoveDir() { rmdir(s_Dir.c_str()); }
 std::string Dir()
 {
-    static std::string dir;
-    if (dir.empty()) {
+    if (s_Dir.empty()) {
         char tmpl[] = "/tmp/zp_recbench_XXXXXX";
-        dir = mkdtemp(tmpl) != nullptr ? tmpl : "/tmp";
+        if (mkdtemp(tmpl) == nullptr)
+            return "/tmp";
+        s_Dir = tmpl;
+        atexit(RemoveDir);
     }
-    return dir;
+    return s_Dir;
 }
 
 void Finish(benchmark::State& state, double worst)
