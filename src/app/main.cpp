@@ -220,8 +220,7 @@ int main(int argc, char** argv)
     int timerFD = g_pServer->GetTimerFD();
     menu* console = nullptr;
     if (opts.bInteractive) {
-        console = new menu();
-        console->SetEcho(opts.bEcho);
+        console = new menu(opts.bEcho);
     }
 
     g_bRun = true;

@@ -114,7 +114,7 @@ const char* TypeWord(enumZorPlayType type) { return type == eZorPlayRecorder ? "
 
 } // namespace
 
-menu::menu() : m_nMsgID(0), m_bEcho(false), m_nSocket(-1), m_hThread(), m_bThreadStarted(false)
+menu::menu(bool bEcho) : m_nMsgID(0), m_bEcho(bEcho), m_nSocket(-1), m_hThread(), m_bThreadStarted(false)
 {
     m_nWakeFDs[0] = m_nWakeFDs[1] = -1;
     memset(m_szParams, 0, sizeof(m_szParams));

@@ -17,7 +17,8 @@ constexpr int kMenuComment = 22;
 
 class menu {
 public:
-    menu();
+    // The echo option is taken here, before the thread reads its first line.
+    explicit menu(bool bEcho = false);
     ~menu();
     menu(const menu&) = delete;
     menu& operator=(const menu&) = delete;
@@ -55,7 +56,8 @@ private:
     // Console thread only, apart from construction and destruction.
     char m_szParams[kMenuParamSlots][kMenuParamSize];
     unsigned m_nMsgID;
-    // Set by the main thread right after construction, read by the console thread.
+    // Set at construction (or by SetEcho from the main thread), read by the
+    // console thread.
     std::atomic<bool> m_bEcho;
     sockaddr_un m_ServerAddr;
     sockaddr_un m_ClientAddr;
