@@ -1,7 +1,6 @@
 #include "console/menu.h"
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <strings.h>
@@ -148,18 +147,13 @@ menu::menu(bool bEcho) : m_nMsgID(0), m_bEcho(bEcho), m_nSocket(-1), m_hThread()
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setstacksize(&attr, 0x10000);
-    // An interrupt is for the main loop, which shuts the process down; in
-    // the console thread it would only break the wait. The thread starts
-    // with it blocked.
-    sigset_t interrupt, previous;
-    sigemptyset(&interrupt);
-    sigaddset(&interrupt, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &interrupt, &previous);
+    // No thread blocks interrupts. An interrupt sent to the process goes to
+    // the main thread while it waits in its loop; one that this thread takes
+    // only breaks its select, which is simply made again.
     if (pthread_create(&m_hThread, &attr, MenuThreadStatic, this) == 0)
         m_bThreadStarted = true;
     else
         puts("Menu couldn't create worker thread\r");
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     pthread_attr_destroy(&attr);
 }
 
