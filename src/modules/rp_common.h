@@ -271,6 +271,8 @@ private:
     // The wind command: the new state, then the handler's wind.
     enumZorPlayResult Wind(int newState, bool bEngage, bool bForward, bool bSilent);
     void PrimePlayBuffer();
+    // Worker, before a set-up: reports the file events already posted.
+    void SettleRTEvents();
 
     CPlayFileHandler m_PlayFileHandler;
 };

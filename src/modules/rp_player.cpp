@@ -166,6 +166,8 @@ enumZorPlayResult CPlayer::DoSetupFile(structSetupPlayFile* pSetup)
         puts("Module must be idle to set up file\r");
         return eResultNotIdle;
     }
+    if (GetState() == eStateIdle)
+        SettleRTEvents();
     const enumZorPlayResult r = m_pFileHandler->AddSingleFile(pSetup);
     if (r != eResultSuccess)
         return r;
@@ -187,6 +189,7 @@ enumZorPlayResult CPlayer::DoSetupPlaylist(structSetupPlaylist* pSetup)
         return r;
     {
         CRTGatePark park(m_PlayFileHandler.GetRTGate());
+        SettleRTEvents();
         r = m_PlayFileHandler.InstallNewPlaylist();
         if (r == eResultSuccess)
             SetState(eStateFileReady);
@@ -196,6 +199,25 @@ enumZorPlayResult CPlayer::DoSetupPlaylist(structSetupPlaylist* pSetup)
     if (r == eResultSuccess)
         PrimePlayBuffer();
     return r;
+}
+
+// Completion and roll-over events the callback posted before a set-up are
+// reported before the set-up changes the files, so that none is applied to
+// the files it stages. With the callback parked, every event of the cycles
+// before is in the queue; pending service requests are dropped (the next
+// cycle posts one).
+void CPlayer::SettleRTEvents()
+{
+    CRTGatePark park(m_PlayFileHandler.GetRTGate());
+    static const timespec kExpired = {0, 0};
+    uint32_t token = 0;
+    while (mq_timedreceive(m_mqInternal, reinterpret_cast<char*>(&token), sizeof(token), nullptr, &kExpired) ==
+           static_cast<ssize_t>(sizeof(token))) {
+        if (token == eInternalFileDone || token == eInternalFileRolled) {
+            PrepareCompletionMsg(token == eInternalFileRolled);
+            SendMsg();
+        }
+    }
 }
 
 // Opens and reads the new file at once rather than on the next period's

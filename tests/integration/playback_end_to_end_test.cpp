@@ -462,7 +462,7 @@ TEST_F(Playback, PlaylistsPlayGaplesslyAndAnswerEveryFailureWithItsLines)
     ExpectCompletion(Completion(), f[3], 5, f[4], 6);
     ExpectCompletion(Completion(), f[4], 6, "", 0);
     EXPECT_TRUE(SilentFor(cap, kPeriod));
-    const std::vector<Stretch> runs = Runs(cap);
+    std::vector<Stretch> runs = Runs(cap);
     ASSERT_EQ(runs.size(), 1u) << Describe(runs);
     EXPECT_EQ(runs[0].first, 0);
     EXPECT_EQ(runs[0].len, total);
@@ -482,9 +482,29 @@ TEST_F(Playback, PlaylistsPlayGaplesslyAndAnswerEveryFailureWithItsLines)
         ExpectLines(mark, k.lines);
         EXPECT_EQ(Cmd(0, eCmdStart), eResultNoFile);
         ASSERT_EQ(Setup(0, f[0]), eResultSuccess);
-        EXPECT_EQ(Cmd(0, eCmdStop), eResultSuccess);
-        ExpectCompletion(Completion(), f[0], 0, "", 0);
+        if (&k == empty) {
+            EXPECT_EQ(Cmd(0, eCmdStop), eResultSuccess);
+            ExpectCompletion(Completion(), f[0], 0, "", 0);
+        }
     }
+
+    // A list set up while a file plays replaces it: silence until Start,
+    // then the list's first entry from its start.
+    ASSERT_EQ(Cmd(0, eCmdStart), eResultSuccess);
+    WaitHeard(cap, 3000, cap.Frames());
+    WriteText(Path("one.txt"), f[3] + "\n");
+    ASSERT_EQ(Playlist(0, Path("one.txt")), eResultSuccess);
+    const size_t replaced = cap.Frames();
+    EXPECT_TRUE(SilentFor(cap, 4 * kPeriod)) << "a new list played before Start";
+    ASSERT_EQ(Cmd(0, eCmdStart), eResultSuccess);
+    ExpectCompletion(Completion(), f[3], 0, "", 0);
+    EXPECT_TRUE(SilentFor(cap, kPeriod));
+    runs = Runs(cap);
+    ASSERT_EQ(runs.size(), 3u) << Describe(runs);
+    EXPECT_EQ(runs[1].first, 0);
+    EXPECT_LT(runs[1].lastAt, replaced + kPeriod);
+    EXPECT_EQ(runs[2].first, static_cast<long>(lens[0] + lens[1] + lens[2]));
+    EXPECT_EQ(runs[2].len, lens[3]);
 }
 
 // Seeks in File Ready, Running and Paused land on the second asked for; a
