@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
@@ -297,9 +298,11 @@ TEST_F(Handler, FastWindResumesWhereThePortsAre)
 
 // The callback's part on a thread of its own and the worker's on the test
 // thread, the flushes racing the callback as they do in a running player.
-// Until a flush (seek, skip, stop) returns, the ports may still get the audio
-// before it; from then on they get the frame the flush asked for and what
-// follows it, never anything older.
+// Until a flush (seek, skip, a new playlist, stop) returns, the ports may
+// still get the audio before it; from then on they get the frame the flush
+// asked for and what follows it, never anything older. A wind (engaged, left
+// to run, ended) may put any frames of the files out while it runs; once it
+// has ended the stream runs on frame by frame.
 TEST_F(Handler, FlushesKeepEarlierAudioOffThePorts)
 {
     g_nJackSampleRate = 1000; // whole seconds of 1000 frames keep the files short
@@ -308,7 +311,8 @@ TEST_F(Handler, FlushesKeepEarlierAudioOffThePorts)
     std::string text;
     for (unsigned id = 0; id < kFiles; ++id)
         text += Audio(id, kLen, 1000) + "\n";
-    ASSERT_EQ(Playlist(Text(text)), eResultSuccess);
+    const std::string list = Text(text);
+    ASSERT_EQ(Playlist(list), eResultSuccess);
 
     std::vector<float> stream; // the callback's until the join
     stream.reserve(1 << 22);
@@ -331,6 +335,7 @@ TEST_F(Handler, FlushesKeepEarlierAudioOffThePorts)
     struct Flush {
         unsigned ids[2], frame; // the file (one of two, when a roll raced the seek) and frame it asked for
         size_t before, after;   // frames played before the flush began and once it had returned
+        bool wind;
     };
     std::vector<Flush> flushes;
     unsigned popped = 0;
@@ -342,10 +347,28 @@ TEST_F(Handler, FlushesKeepEarlierAudioOffThePorts)
                 m_H.PopCompletionMessage(&c, true);
             std::this_thread::yield();
         }
-        Flush f = {{m_H.GetActivePlaylistIndex(), 0}, 0, played.load(), 0};
+        Flush f = {{m_H.GetActivePlaylistIndex(), 0}, 0, played.load(), 0, false};
         if (op == kOps) {
             m_H.ManualStop();
             f.ids[0] = f.ids[1] = kFiles; // nothing at all
+        } else if (op % 8 == 0) {
+            // Rolls of the old files are not reported once the new list is in.
+            CRTGatePark park(m_H.GetRTGate());
+            ASSERT_EQ(Playlist(list), eResultSuccess);
+            popped = rolls.load();
+            f.ids[0] = f.ids[1] = 0;
+        } else if (op % 8 == 4) {
+            f.wind = true;
+            // Not forward in the last entry: play would end there.
+            const bool forward = rng() % 2 && f.ids[0] + 1 < kFiles;
+            m_H.FastWind(true, forward, rng() % 2);
+            for (const size_t until = played.load() + 200; played.load() < until && !halted.load();) {
+                m_H.ServiceBuffer();
+                for (structFileCompletion c = {}; popped < rolls.load(); ++popped)
+                    m_H.PopCompletionMessage(&c, true);
+                std::this_thread::yield();
+            }
+            m_H.FastWind(false, false, false);
         } else if (op % 2) {
             f.frame = rng() % (kLen / 1000) * 1000;
             EXPECT_EQ(m_H.SeekToTime(static_cast<int>(f.frame / 1000)), eResultSuccess);
@@ -377,7 +400,14 @@ TEST_F(Handler, FlushesKeepEarlierAudioOffThePorts)
     size_t next = 0;
     for (size_t k = 0; k < total; ++k) {
         const float s0 = stream[2 * k], s1 = stream[2 * k + 1];
-        if (next < flushes.size() && k >= flushes[next].before) {
+        if (next < flushes.size() && k >= flushes[next].before && flushes[next].wind) {
+            const float file = s1 * 64.0f, at = s0 * 1048576.0f;
+            ASSERT_TRUE(file == std::floor(file) && file < kFiles && at == std::floor(at) && at < kLen) << k;
+            if (k <= flushes[next].after)
+                continue;
+            id = static_cast<unsigned>(file), frame = static_cast<unsigned>(at); // on from where the wind left it
+            ++next;
+        } else if (next < flushes.size() && k >= flushes[next].before) {
             const Flush& f = flushes[next];
             if (s0 == Sample(0, f.frame, 0) && (s1 == Sample(f.ids[0], 0, 1) || s1 == Sample(f.ids[1], 0, 1))) {
                 id = static_cast<unsigned>(s1 * 64.0f), frame = f.frame;
