@@ -149,7 +149,10 @@ void RunMainLoop(int socketFD, int timerFD, bool reportStatus)
         fd_set readSet;
         FD_ZERO(&readSet);
         FD_SET(socketFD, &readSet);
-        FD_SET(timerFD, &readSet);
+        // A timer that could not be created (its lines were printed) is left
+        // out: the socket is still served.
+        if (timerFD >= 0)
+            FD_SET(timerFD, &readSet);
         sigset_t mask;
         sigprocmask(SIG_SETMASK, nullptr, &mask);
 
@@ -176,7 +179,7 @@ void RunMainLoop(int socketFD, int timerFD, bool reportStatus)
             enumZorPlayResult result = HandleMessage(msg);
             g_pServer->SendResponse(msg, result);
         }
-        if (FD_ISSET(timerFD, &readSet)) {
+        if (timerFD >= 0 && FD_ISSET(timerFD, &readSet)) {
             uint64_t expiries = 0;
             if (read(timerFD, &expiries, sizeof(expiries)) != sizeof(expiries))
                 printf("TimerFD unable to read correct item size: %s\r\n", strerror(errno));
