@@ -20,11 +20,6 @@ sockaddr_un Address(const char* path)
     return addr;
 }
 
-bool IsUnrequested(const structZorPlayMsg& msg)
-{
-    return msg.nReq == eReqUnrequested;
-}
-
 int64_t NowMs()
 {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -81,41 +76,39 @@ bool ProtocolClient::SendRaw(const void* data, size_t len)
            static_cast<ssize_t>(len);
 }
 
-bool ProtocolClient::ReceiveOne(structZorPlayMsg& out, int timeoutMs, size_t* length)
+bool ProtocolClient::ReceiveAny(structZorPlayMsg& out, int timeoutMs, size_t* length)
 {
     pollfd pfd{m_nFD, POLLIN, 0};
     if (m_nFD < 0 || poll(&pfd, 1, timeoutMs) <= 0)
         return false;
     memset(&out, 0, sizeof(out));
-    ssize_t got = recv(m_nFD, &out, sizeof(out), 0);
-    if (got < 0)
-        return false;
+    const ssize_t got = recv(m_nFD, &out, sizeof(out), 0);
     if (length)
-        *length = static_cast<size_t>(got);
-    return true;
+        *length = got < 0 ? 0 : static_cast<size_t>(got);
+    return got >= 0;
 }
 
-bool ProtocolClient::ReceiveAny(structZorPlayMsg& out, int timeoutMs, size_t* length)
+template <typename Pick>
+bool ProtocolClient::ReceiveUntil(structZorPlayMsg& out, int timeoutMs, Pick pick)
 {
-    return ReceiveOne(out, timeoutMs, length);
+    const int64_t deadline = NowMs() + timeoutMs;
+    for (;;) {
+        const int64_t left = deadline - NowMs();
+        if (left <= 0 || !ReceiveAny(out, static_cast<int>(left)))
+            return false;
+        if (pick(out))
+            return true;
+    }
 }
 
 bool ProtocolClient::Request(structZorPlayMsg& req, structZorPlayMsg& resp, int timeoutMs)
 {
-    if (!Send(req))
-        return false;
-    int64_t deadline = NowMs() + timeoutMs;
-    for (;;) {
-        int64_t left = deadline - NowMs();
-        if (left <= 0 || !ReceiveOne(resp, static_cast<int>(left), nullptr))
-            return false;
-        if (IsUnrequested(resp)) {
-            m_Unrequested.push_back(resp);
-            continue;
-        }
-        if (resp.nReq == eReqResponse && resp.nID == req.nID)
-            return true;
-    }
+    // Unrequested messages that arrive meanwhile are kept for WaitUnrequested.
+    return Send(req) && ReceiveUntil(resp, timeoutMs, [&](const structZorPlayMsg& m) {
+               if (m.nReq == eReqUnrequested)
+                   m_Unrequested.push_back(m);
+               return m.nReq == eReqResponse && m.nID == req.nID;
+           });
 }
 
 int ProtocolClient::Call(enumZorPlayType type, enumZorPlayCmd cmd, int index, const void* payload,
@@ -125,9 +118,7 @@ int ProtocolClient::Call(enumZorPlayType type, enumZorPlayCmd cmd, int index, co
     if (payload)
         memcpy(&req.payload, payload, payloadLen < sizeof(req.payload) ? payloadLen : sizeof(req.payload));
     structZorPlayMsg resp;
-    if (!Request(req, resp, timeoutMs))
-        return -1;
-    return static_cast<int>(resp.payload.eResult);
+    return Request(req, resp, timeoutMs) ? static_cast<int>(resp.payload.eResult) : -1;
 }
 
 int ProtocolClient::Create(enumZorPlayType type, int slot, int channels, int offset, int timeoutMs)
@@ -138,30 +129,20 @@ int ProtocolClient::Create(enumZorPlayType type, int slot, int channels, int off
 
 bool ProtocolClient::WaitUnrequested(structZorPlayMsg& out, int timeoutMs, int cmd)
 {
+    auto wanted = [cmd](const structZorPlayMsg& m) { return cmd < 0 || static_cast<int>(m.eCmd) == cmd; };
     for (auto it = m_Unrequested.begin(); it != m_Unrequested.end(); ++it) {
-        if (cmd < 0 || static_cast<int>(it->eCmd) == cmd) {
+        if (wanted(*it)) {
             out = *it;
             m_Unrequested.erase(it);
             return true;
         }
     }
-    int64_t deadline = NowMs() + timeoutMs;
-    for (;;) {
-        int64_t left = deadline - NowMs();
-        if (left <= 0 || !ReceiveOne(out, static_cast<int>(left), nullptr))
+    return ReceiveUntil(out, timeoutMs, [&](const structZorPlayMsg& m) {
+        if (m.nReq != eReqUnrequested)
             return false;
-        if (!IsUnrequested(out))
-            continue;
-        if (cmd < 0 || static_cast<int>(out.eCmd) == cmd)
+        if (wanted(m))
             return true;
-        m_Unrequested.push_back(out);
-    }
-}
-
-void ProtocolClient::DiscardPending()
-{
-    m_Unrequested.clear();
-    structZorPlayMsg msg;
-    while (ReceiveOne(msg, 0, nullptr)) {
-    }
+        m_Unrequested.push_back(m);
+        return false;
+    });
 }

@@ -40,11 +40,11 @@ public:
     bool WaitUnrequested(structZorPlayMsg& out, int timeoutMs, int cmd = -1);
     // Next datagram of any kind, with its length; false on timeout.
     bool ReceiveAny(structZorPlayMsg& out, int timeoutMs, size_t* length = nullptr);
-    // Drops unrequested messages already received and any waiting on the socket.
-    void DiscardPending();
 
 private:
-    bool ReceiveOne(structZorPlayMsg& out, int timeoutMs, size_t* length);
+    // Receives until pick(message) holds or the deadline passes.
+    template <typename Pick>
+    bool ReceiveUntil(structZorPlayMsg& out, int timeoutMs, Pick pick);
 
     int m_nFD = -1;
     int m_nNextID = 1;

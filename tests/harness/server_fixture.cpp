@@ -397,9 +397,9 @@ void ServerTest::SetUp()
     StartServer(ServerArgs());
 }
 
-void ServerTest::StartServer(const std::vector<std::string>& args)
+void ServerTest::StartServer(const std::vector<std::string>& args, const std::string& jackName)
 {
-    ASSERT_TRUE(m_Server.Start(args, s_pJack ? s_pJack->Name() : std::string()));
+    ASSERT_TRUE(m_Server.Start(args, !jackName.empty() ? jackName : s_pJack ? s_pJack->Name() : std::string()));
     // The socket file may be a leftover until the server rebinds it: wait for an answer.
     bool up = WaitUntil(
         [&] {

@@ -127,8 +127,26 @@ protected:
     void TearDown() override;
     virtual std::vector<std::string> ServerArgs() { return {}; }
 
-    // Starts the server and waits until it answers a Hello.
-    void StartServer(const std::vector<std::string>& args);
+    // Starts the server against the suite's JACK server (or the one named)
+    // and waits until it answers a Hello.
+    void StartServer(const std::vector<std::string>& args, const std::string& jackName = "");
+
+    int Create(enumZorPlayType type, int slot, int channels, int offset)
+    {
+        return m_Client.Create(type, slot, channels, offset);
+    }
+    int Cmd(enumZorPlayType type, enumZorPlayCmd cmd, int slot, const void* payload = nullptr, size_t len = 0)
+    {
+        return m_Client.Call(type, cmd, slot, payload, len);
+    }
+    // Runs request() (which returns its answer): the answer is the expected
+    // one and the server printed text while serving it.
+    template <typename Request>
+    ::testing::AssertionResult Prints(Request request, int expected, const std::string& text)
+    {
+        const size_t mark = m_Server.OutputSize();
+        return AnswersAndPrints(m_Server, request(), expected, text, mark);
+    }
 
     static std::unique_ptr<JackServer> s_pJack;
     ZorPlayProcess m_Server;
