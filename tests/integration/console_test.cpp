@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <map>
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/socket.h>
@@ -13,39 +14,41 @@
 
 namespace {
 
+sockaddr_un Address(const char* path)
+{
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    strcpy(addr.sun_path, path);
+    return addr;
+}
+
 // Takes the server's socket path over, so that what the console sends
 // arrives here and can be checked field by field; answers go back to the
 // console's own client path.
 class StolenServerPath {
 public:
-    bool Bind()
-    {
-        unlink(kServerSocketPath);
-        m_nFD = socket(AF_UNIX, SOCK_DGRAM, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        strcpy(addr.sun_path, kServerSocketPath);
-        return m_nFD >= 0 && bind(m_nFD, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-    }
     ~StolenServerPath()
     {
         if (m_nFD >= 0)
             close(m_nFD);
     }
+    bool Bind()
+    {
+        unlink(kServerSocketPath);
+        m_nFD = socket(AF_UNIX, SOCK_DGRAM, 0);
+        const sockaddr_un addr = Address(kServerSocketPath);
+        return m_nFD >= 0 && bind(m_nFD, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) == 0;
+    }
     bool Receive(structZorPlayMsg& msg, int timeoutMs = 5000)
     {
         pollfd pfd{m_nFD, POLLIN, 0};
-        if (poll(&pfd, 1, timeoutMs) <= 0)
-            return false;
         memset(&msg, 0, sizeof(msg));
-        return recv(m_nFD, &msg, sizeof(msg), 0) == static_cast<ssize_t>(sizeof(msg));
+        return poll(&pfd, 1, timeoutMs) > 0 && recv(m_nFD, &msg, sizeof(msg), 0) == static_cast<ssize_t>(sizeof(msg));
     }
     bool SendToConsole(const structZorPlayMsg& msg)
     {
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        strcpy(addr.sun_path, kClientSocketPath);
-        return sendto(m_nFD, &msg, sizeof(msg), 0, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) ==
+        const sockaddr_un addr = Address(kClientSocketPath);
+        return sendto(m_nFD, &msg, sizeof(msg), 0, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) ==
                static_cast<ssize_t>(sizeof(msg));
     }
 
@@ -93,99 +96,75 @@ TEST_F(Console, EachCommandSendsItsRequestAndParseErrorsSendNothing)
     ASSERT_TRUE(m_Stolen.Bind());
     structZorPlayMsg m;
 
-    ASSERT_TRUE(Type("h", m));
-    EXPECT_EQ(m.nVersion, 0u);
-    EXPECT_EQ(m.nLength, kZorPlayMsgSize);
-    EXPECT_EQ(m.nID, 0);
-    EXPECT_EQ(m.nReq, eReqRequest);
-    EXPECT_EQ(m.eType, eZorPlayRecorder);
-    EXPECT_EQ(m.eCmd, eCmdHello);
-    EXPECT_EQ(m.nIndex, 0);
-
     // Parse errors send nothing and use no request id.
     for (const char* bad : {"GO", "go 0", "go 0 1 2", "# go 0 1", "", "sf x 0 name", "sp 1 y list"})
         EXPECT_FALSE(Type(bad, m, 300)) << "'" << bad << "' sent something";
-    ASSERT_TRUE(m_Server.WaitForOutput("First param not integer\r\n", 5000));
-    const std::string out = m_Server.Output();
-    EXPECT_NE(out.find("No valid command found.\r\n"), std::string::npos);
-    EXPECT_NE(out.find("Too few parameters for command\r\n"), std::string::npos);
-    EXPECT_NE(out.find("Too many parameters for command\n"), std::string::npos);
+    for (const char* line : {"No valid command found.\r\n", "Too few parameters for command\r\n",
+                             "Too many parameters for command\n", "First param not integer\r\n"})
+        EXPECT_TRUE(m_Server.WaitForOutput(line, 5000)) << line;
 
-    // Header fields and the first two words of the payload. Request ids go
-    // on from 1.
+    // Header fields, payload words by index, and the file name where there
+    // is one (after two words in a record set-up, one otherwise). Request
+    // ids count from 0.
     const struct {
         const char* line;
         enumZorPlayCmd cmd;
         uint32_t type;
         int index;
-        int32_t word0, word1;
+        std::map<int, int32_t> words;
+        const char* name;
     } cases[] = {
-        {"go,0;1", eCmdStart, 0, 1, 0, 0},           {"ami 0 2 2 1", eCmdCreate, 0, 2, 2, 0}, // ports typed from 1
-        {"am 1 3 4", eCmdCreate, 1, 0, 3, 4},        {"sk 1 0 -2", eCmdSkipInPlaylist, 1, 0, 1, -2},
-        {"ska 1 0 5", eCmdSkipInPlaylist, 1, 0, 0, 5}, {"se 1 4 30", eCmdSeek, 1, 4, 0, 30},
-        {"p 1 5", eCmdPause, 1, 5, 0, 0},            {"ff 1 6", eCmdFastForward, 1, 6, 0, 0},
-        {"rw 1 7", eCmdRewind, 1, 7, 0, 0},          {"q 0 1", eCmdStop, 0, 1, 0, 0},
-        {"dd 1 4", eCmdQueryStatus, 1, 4, 0, 0},     {"d 5 3", eCmdDelete, 1, 3, 0, 0},
-        {"da 0", eCmdDeleteAll, 0, 0, 0, 0},         {"ls", eCmdHello, 0, 1, 0, 0},
-        {"go a 1", eCmdStart, 0, 1, 0, 0}, // a number that does not parse goes out as 0
+        {"h", eCmdHello, 0, 0, {}, nullptr},
+        {"go,0;1", eCmdStart, 0, 1, {}, nullptr},
+        {"ami 0 2 2 1", eCmdCreate, 0, 2, {{0, 2}, {1, 0}}, nullptr}, // ports typed from 1
+        {"am 1 3 4", eCmdCreate, 1, 0, {{0, 3}, {1, 4}}, nullptr},
+        {"sk 1 0 -2", eCmdSkipInPlaylist, 1, 0, {{0, 1}, {1, -2}}, nullptr},
+        {"ska 1 0 5", eCmdSkipInPlaylist, 1, 0, {{0, 0}, {1, 5}}, nullptr},
+        {"se 1 4 30", eCmdSeek, 1, 4, {{1, 30}}, nullptr},
+        {"p 1 5", eCmdPause, 1, 5, {}, nullptr},
+        {"ff 1 6", eCmdFastForward, 1, 6, {}, nullptr},
+        {"rw 1 7", eCmdRewind, 1, 7, {}, nullptr},
+        {"q 0 1", eCmdStop, 0, 1, {}, nullptr},
+        {"dd 1 4", eCmdQueryStatus, 1, 4, {}, nullptr},
+        {"d 5 3", eCmdDelete, 1, 3, {}, nullptr},
+        {"da 0", eCmdDeleteAll, 0, 0, {}, nullptr},
+        {"ls", eCmdHello, 0, 1, {}, nullptr},
+        {"go a 1", eCmdStart, 0, 1, {}, nullptr}, // a number that does not parse goes out as 0
+        // Record set-ups: secondary flag, seconds, then format, rate, word length and roll.
+        {"sf 0 3 take1", eCmdSetupFile, 0, 3, {{0, 0}, {1, 10}, {770, 0}, {771, 0}, {772, 2}, {780, 0}}, "take1.wav"},
+        {"rf 0 3 b.WAV", eCmdSetupFile, 0, 3, {{0, 1}, {1, 10}, {770, 0}, {771, 0}, {772, 0}, {780, 0}}, "b.WAV"},
+        {"sf 1 2 song.WAV", eCmdSetupPlayFile, 1, 2, {{0, 0}}, "song.WAV"},
+        {"rf 1 2 .wav", eCmdSetupPlayFile, 1, 2, {{0, 1}}, ".wav.wav"},
+        {"sp 1 4 list.txt", eCmdSetupPlaylist, 1, 4, {}, "list.txt"}, // no extension added
     };
-    int id = 1;
+    int id = 0;
     for (const auto& c : cases) {
-        ASSERT_TRUE(Type(c.line, m)) << c.line;
-        int32_t words[2];
-        memcpy(words, &m.payload, sizeof(words));
-        EXPECT_EQ(m.nID, id++) << c.line;
-        EXPECT_EQ(m.eCmd, c.cmd) << c.line;
-        EXPECT_EQ(m.eType, c.type) << c.line;
-        EXPECT_EQ(m.nIndex, c.index) << c.line;
-        EXPECT_EQ(words[0], c.word0) << c.line;
-        EXPECT_EQ(words[1], c.word1) << c.line;
+        SCOPED_TRACE(c.line);
+        ASSERT_TRUE(Type(c.line, m));
+        EXPECT_EQ(m.nVersion, 0u);
+        EXPECT_EQ(m.nLength, kZorPlayMsgSize);
+        EXPECT_EQ(m.nReq, eReqRequest);
+        EXPECT_EQ(m.nID, id++);
+        EXPECT_EQ(m.eCmd, c.cmd);
+        EXPECT_EQ(m.eType, c.type);
+        EXPECT_EQ(m.nIndex, c.index);
+        const char* payload = reinterpret_cast<const char*>(&m.payload);
+        for (const auto& w : c.words) {
+            int32_t word;
+            memcpy(&word, payload + 4 * w.first, sizeof(word));
+            EXPECT_EQ(word, w.second) << "payload word " << w.first;
+        }
+        if (c.name) {
+            EXPECT_STREQ(payload + (c.cmd == eCmdSetupFile ? 8 : 4), c.name);
+        }
     }
     EXPECT_TRUE(m_Server.WaitForOutput("Parameters not both integer\r\n", 5000));
 
-    ASSERT_TRUE(Type("sf 0 3 take1", m));
-    EXPECT_EQ(m.eCmd, eCmdSetupFile);
-    EXPECT_EQ(m.eType, eZorPlayRecorder);
-    EXPECT_EQ(m.nIndex, 3);
-    const structSetupFile& rec = m.payload.setupFile;
-    EXPECT_EQ(rec.bSecondary, 0);
-    EXPECT_EQ(rec.nFileSeconds, 10u);
-    EXPECT_EQ(rec.nFileFormat, 0);
-    EXPECT_EQ(rec.nSampleRate, 0u);
-    EXPECT_EQ(rec.nWordLength, 2);
-    EXPECT_EQ(rec.bRoll, 0);
-    EXPECT_STREQ(rec.szFilenames[0], "take1.wav");
-    EXPECT_EQ(rec.szFilenames[1][0], '\0');
-
-    ASSERT_TRUE(Type("rf 0 3 b.WAV", m));
-    EXPECT_EQ(m.payload.setupFile.bSecondary, 1);
-    EXPECT_EQ(m.payload.setupFile.nFileSeconds, 10u);
-    EXPECT_EQ(m.payload.setupFile.nWordLength, 0);
-    EXPECT_STREQ(m.payload.setupFile.szFilenames[0], "b.WAV");
-
-    ASSERT_TRUE(Type("sf 1 2 song.WAV", m));
-    EXPECT_EQ(m.eCmd, eCmdSetupPlayFile);
-    EXPECT_EQ(m.eType, eZorPlayPlayer);
-    EXPECT_EQ(m.nIndex, 2);
-    EXPECT_EQ(m.payload.setupPlayFile.bSecondary, 0);
-    EXPECT_STREQ(m.payload.setupPlayFile.szFilename, "song.WAV");
-
-    ASSERT_TRUE(Type("rf 1 2 .wav", m));
-    EXPECT_EQ(m.payload.setupPlayFile.bSecondary, 1);
-    EXPECT_STREQ(m.payload.setupPlayFile.szFilename, ".wav.wav");
-
-    ASSERT_TRUE(Type("sp 1 4 list.txt", m));
-    EXPECT_EQ(m.eCmd, eCmdSetupPlaylist);
-    EXPECT_EQ(m.eType, eZorPlayPlayer);
-    EXPECT_EQ(m.nIndex, 4);
-    EXPECT_STREQ(m.payload.setupPlaylist.szPlaylist, "list.txt") << "no extension added";
-
     // End of input halts like "x".
-    const int lastID = m.nID;
     m_Server.CloseInput();
     ASSERT_TRUE(m_Stolen.Receive(m));
     EXPECT_EQ(m.eCmd, eCmdExit);
-    EXPECT_EQ(m.nID, lastID + 1);
+    EXPECT_EQ(m.nID, id);
     EXPECT_EQ(m_Server.Stop(), 0);
 }
 
@@ -195,57 +174,37 @@ TEST_F(Console, PrintsResponsesAndUnrequestedMessages)
     ASSERT_TRUE(m_Stolen.Bind());
     structZorPlayMsg m;
     ASSERT_TRUE(Type("go 0 1", m));
+    auto expectPrinted = [&](const structZorPlayMsg& msg, const std::string& text) {
+        ASSERT_TRUE(m_Stolen.SendToConsole(msg));
+        EXPECT_TRUE(m_Server.WaitForOutput(text, 5000)) << m_Server.Output();
+    };
 
-    structZorPlayMsg resp = m;
-    resp.nReq = eReqResponse;
-    memset(&resp.payload, 0, sizeof(resp.payload));
-    resp.payload.eResult = eResultNoFile;
-    ASSERT_TRUE(m_Stolen.SendToConsole(resp));
-    EXPECT_TRUE(m_Server.WaitForOutput("Response to id:0, status: 11-Module has no file\r\n", 5000))
-        << m_Server.Output();
+    m.nReq = eReqResponse;
+    memset(&m.payload, 0, sizeof(m.payload));
+    m.payload.eResult = eResultNoFile;
+    expectPrinted(m, "Response to id:0, status: 11-Module has no file\r\n");
 
-    structZorPlayMsg progress;
-    InitUnrequested(progress, eZorPlayPlayer, eCmdFileProgress, 2);
-    progress.payload.fileProgress = {4, 5, 15, 20, 37, 1, 9, 22, 3};
-    ASSERT_TRUE(m_Stolen.SendToConsole(progress));
-    EXPECT_TRUE(m_Server.WaitForOutput(
-        "Player[2]: Running progress->#####               <- idx[03] (5/20) Buffer  37%, Runs 1, u's: 22,9\r\n", 5000))
-        << m_Server.Output();
+    InitUnrequested(m, eZorPlayPlayer, eCmdFileProgress, 2);
+    m.payload.fileProgress = {4, 5, 15, 20, 37, 1, 9, 22, 3};
+    expectPrinted(m, "Player[2]: Running progress->#####               <- idx[03] (5/20) Buffer  37%, Runs 1, u's: 22,9\r\n");
+    InitUnrequested(m, eZorPlayRecorder, eCmdFileProgress, 1);
+    m.payload.fileProgress = {6, 3, 0, 0, 100, 0, 0, 0, 0};
+    expectPrinted(m, "Recorder[1]: Draining progress->                    <- (3/0) Buffer 100%, Runs 0, u's: 0,0\r\n");
 
-    InitUnrequested(progress, eZorPlayRecorder, eCmdFileProgress, 1);
-    progress.payload.fileProgress = {6, 3, 0, 0, 100, 0, 0, 0, 0};
-    ASSERT_TRUE(m_Stolen.SendToConsole(progress));
-    EXPECT_TRUE(m_Server.WaitForOutput(
-        "Recorder[1]: Draining progress->                    <- (3/0) Buffer 100%, Runs 0, u's: 0,0\r\n", 5000))
-        << m_Server.Output();
+    InitUnrequested(m, eZorPlayPlayer, eCmdFileCompletion, 0);
+    structFileCompletion& done = m.payload.fileCompletion;
+    strcpy(done.szFilename, "a.wav");
+    strcpy(done.szNewFilename, "b.wav");
+    done.nLength = 12, done.bRolled = 1, done.nXRuns = 2, done.nIndex = 4, done.nNewIndex = 5;
+    expectPrinted(m, "Player[0] File Complete: a.wav, [04]\r\n\tLength: 12 Sec\r\n\tXRuns: 2\r\n"
+                     "\tRolled to new file: b.wav[05]\r\n");
+    InitUnrequested(m, eZorPlayRecorder, eCmdFileCompletion, 3);
+    strcpy(done.szFilename, "r.wav");
+    expectPrinted(m, "Recorder[3] File Complete: r.wav\r\n\tLength: 0 Sec\r\n\tXRuns: 0\r\n"
+                     "\tDid not roll on completion.\r\n");
 
-    structZorPlayMsg done;
-    InitUnrequested(done, eZorPlayPlayer, eCmdFileCompletion, 0);
-    strcpy(done.payload.fileCompletion.szFilename, "a.wav");
-    done.payload.fileCompletion.nLength = 12;
-    done.payload.fileCompletion.bRolled = 1;
-    strcpy(done.payload.fileCompletion.szNewFilename, "b.wav");
-    done.payload.fileCompletion.nXRuns = 2;
-    done.payload.fileCompletion.nIndex = 4;
-    done.payload.fileCompletion.nNewIndex = 5;
-    ASSERT_TRUE(m_Stolen.SendToConsole(done));
-    EXPECT_TRUE(m_Server.WaitForOutput("Player[0] File Complete: a.wav, [04]\r\n\tLength: 12 Sec\r\n\tXRuns: 2\r\n"
-                                       "\tRolled to new file: b.wav[05]\r\n",
-                                       5000))
-        << m_Server.Output();
-
-    InitUnrequested(done, eZorPlayRecorder, eCmdFileCompletion, 3);
-    strcpy(done.payload.fileCompletion.szFilename, "r.wav");
-    ASSERT_TRUE(m_Stolen.SendToConsole(done));
-    EXPECT_TRUE(m_Server.WaitForOutput("Recorder[3] File Complete: r.wav\r\n\tLength: 0 Sec\r\n\tXRuns: 0\r\n"
-                                       "\tDid not roll on completion.\r\n",
-                                       5000))
-        << m_Server.Output();
-
-    structZorPlayMsg odd;
-    InitRequest(odd, 77, eZorPlayRecorder, eCmdStop, 0);
-    ASSERT_TRUE(m_Stolen.SendToConsole(odd));
-    EXPECT_TRUE(m_Server.WaitForOutput("Client got 3236 byte UD message, ID=77, cmd=5, req=0 \r\n", 5000));
+    InitRequest(m, 77, eZorPlayRecorder, eCmdStop, 0);
+    expectPrinted(m, "Client got 3236 byte UD message, ID=77, cmd=5, req=0 \r\n");
     EXPECT_EQ(m_Server.Stop(), 0);
 }
 
