@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -53,17 +54,6 @@ public:
     const structZorPlayMsg& Completion() const { return m_CompletionMsg; }
 };
 
-void ExpectQueueDepth()
-{
-    unsigned depth = 0;
-    if (FILE* f = fopen("/proc/sys/fs/mqueue/msg_max", "r")) {
-        if (fscanf(f, "%u", &depth) != 1)
-            depth = 0;
-        fclose(f);
-    }
-    ASSERT_GE(depth, 200u) << "module queues need 200 messages: echo 256 > /proc/sys/fs/mqueue/msg_max";
-}
-
 // Frame n of the test signal carries n / 2^23 on the left and its negative on
 // the right: exact at 24 bits.
 void FillPeriod(std::vector<float>& left, std::vector<float>& right, unsigned first)
@@ -101,23 +91,44 @@ structSetupFile Setup24(const std::string& file, unsigned seconds = 0, int roll 
     return setup;
 }
 
-TEST(RecorderCallback, OverrunsCountPerShortPeriodAndAStopWritesWhatIsBuffered)
+// A recorder with its queues, in Idle as after a connected Initialize(); the
+// server has no socket, so the unrequested messages go nowhere. The ring
+// buffer is sized in JACK periods: with a 256-frame period it holds 200 x 256
+// frames less the one kept free, 49 periods of 1024 frames and 1023 frames of
+// a fiftieth.
+class RecorderCallback : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        unsigned depth = 0;
+        if (FILE* f = fopen("/proc/sys/fs/mqueue/msg_max", "r")) {
+            depth = fscanf(f, "%u", &depth) == 1 ? depth : 0;
+            fclose(f);
+        }
+        ASSERT_GE(depth, 200u) << "module queues need 200 messages: echo 256 > /proc/sys/fs/mqueue/msg_max";
+        g_nJackSampleRate = 48000;
+        g_nBufferSizeFrames = 256;
+        ASSERT_NE(mkdtemp(m_szDir), nullptr);
+        m_pRec.reset(new CBareRecorder(&m_Server));
+        ASSERT_EQ(m_pRec->CreateQueues(), eResultSuccess);
+        m_pRec->SetState(eStateIdle);
+    }
+    void TearDown() override
+    {
+        m_pRec.reset();
+        EXPECT_EQ(system(("rm -rf " + std::string(m_szDir)).c_str()), 0);
+    }
+    std::string File(const char* name) const { return std::string(m_szDir) + "/" + name; }
+
+    char m_szDir[32] = "/tmp/zp_reccb_XXXXXX";
+    CRPServer m_Server;
+    std::unique_ptr<CBareRecorder> m_pRec;
+};
+
+TEST_F(RecorderCallback, OverrunsCountPerShortPeriodAndAStopWritesWhatIsBuffered)
 {
-    ExpectQueueDepth();
-
-    // The ring buffer is sized in JACK periods: with a 256-frame period it
-    // holds 200 x 256 frames less the one kept free, 49 periods of 1024
-    // frames and 1023 frames of a fiftieth.
-    g_nJackSampleRate = 48000;
-    g_nBufferSizeFrames = 256;
-    char dir[] = "/tmp/zp_reccb_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string file = std::string(dir) + "/r.wav";
-
-    CRPServer server; // no socket: the unrequested messages go nowhere
-    CBareRecorder rec(&server);
-    ASSERT_EQ(rec.CreateQueues(), eResultSuccess);
-    rec.SetState(eStateIdle); // as after a connected Initialize()
+    CBareRecorder& rec = *m_pRec;
+    const std::string file = File("r.wav");
     EXPECT_EQ(rec.GetProgressElapsed() + rec.GetProgressMax(), 0u) << "no file rate before any set-up";
     structSetupFile setup = Setup24(file);
     ASSERT_EQ(rec.DoSetupFile(&setup), eResultSuccess);
@@ -152,22 +163,14 @@ TEST(RecorderCallback, OverrunsCountPerShortPeriodAndAStopWritesWhatIsBuffered)
     testing::internal::GetCapturedStdout();
     EXPECT_EQ(rec.GetState(), eStateIdle);
 
-    const structZorPlayMsg& msg = rec.Completion();
-    EXPECT_EQ(msg.nLength, static_cast<int32_t>(sizeof(structZorPlayMsg)));
-    EXPECT_EQ(msg.nReq, 2);
-    EXPECT_EQ(msg.eType, eZorPlayRecorder);
-    EXPECT_EQ(msg.eCmd, eCmdFileCompletion);
-    EXPECT_EQ(msg.nIndex, 3);
-    const structFileCompletion& done = msg.payload.fileCompletion;
+    const structFileCompletion& done = rec.Completion().payload.fileCompletion;
+    EXPECT_EQ(rec.Completion().eCmd, eCmdFileCompletion);
     EXPECT_STREQ(done.szFilename, file.c_str());
     EXPECT_EQ(done.nLength, 1u); // 51199 frames at 48000 Hz
     EXPECT_EQ(done.bRolled, 0);
     EXPECT_STREQ(done.szNewFilename, "");
     EXPECT_EQ(done.nXRuns, 3u);
-
-    // The file holds the first 51199 frames, interleaved, in order.
     ExpectSignal(file, 0, 51199);
-    EXPECT_EQ(system(("rm -rf " + std::string(dir)).c_str()), 0);
 }
 
 // The callback on a thread of its own against the real worker, as under
@@ -176,57 +179,45 @@ TEST(RecorderCallback, OverrunsCountPerShortPeriodAndAStopWritesWhatIsBuffered)
 // read cursor while the callback may still be writing. Every frame recorded
 // before the stop lands in exactly one file. Runs under ThreadSanitizer in
 // the sanitizer build.
-TEST(RecorderCallback, CallbackThreadAgainstTheWorkerRollsAndStops)
+TEST_F(RecorderCallback, CallbackThreadAgainstTheWorkerRollsAndStops)
 {
-    ExpectQueueDepth();
-    g_nJackSampleRate = 48000;
-    g_nBufferSizeFrames = 256;
-    char dir[] = "/tmp/zp_reccb_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string files[2] = {std::string(dir) + "/a.wav", std::string(dir) + "/b.wav"};
+    CBareRecorder& rec = *m_pRec;
+    const std::string files[2] = {File("a.wav"), File("b.wav")};
+    ASSERT_EQ(rec.StartWorker(), eResultSuccess);
+    structSetupFile primary = Setup24(files[0], 1, 1), secondary = Setup24(files[1], 1, 0, 1);
+    ASSERT_EQ(rec.SetupFile(&primary), eResultSuccess);
+    ASSERT_EQ(rec.SetupFile(&secondary), eResultSuccess);
+    testing::internal::CaptureStdout(); // the unrequested messages fail to go out
+    EXPECT_EQ(rec.Start(), eResultSuccess);
 
-    std::string out;
-    {
-        CRPServer server;
-        CBareRecorder rec(&server);
-        ASSERT_EQ(rec.CreateQueues(), eResultSuccess);
-        rec.SetState(eStateIdle);
-        ASSERT_EQ(rec.StartWorker(), eResultSuccess);
-        structSetupFile primary = Setup24(files[0], 1, 1), secondary = Setup24(files[1], 1, 0, 1);
-        ASSERT_EQ(rec.SetupFile(&primary), eResultSuccess);
-        ASSERT_EQ(rec.SetupFile(&secondary), eResultSuccess);
-        testing::internal::CaptureStdout(); // the unrequested messages fail to go out
-        EXPECT_EQ(rec.Start(), eResultSuccess);
-
-        // Periods are offered only while they fit, so nothing is lost to an
-        // overrun; the callback goes on after the stop, as JACK would.
-        std::atomic<bool> done{false};
-        std::thread callback([&] {
-            std::vector<float> left(kPeriodFrames), right(kPeriodFrames);
-            const float* ports[kChannels] = {left.data(), right.data()};
-            for (unsigned first = 0; !done.load(); std::this_thread::yield()) {
-                // Like the callback, touch the buffer only after seeing Running.
-                if (rec.GetState() == eStateRunning && rec.Buffer()->GetWritableFrames() < kPeriodFrames)
-                    continue;
-                FillPeriod(left, right, first);
-                rec.RecordPeriod(ports, kPeriodFrames);
-                first += kPeriodFrames;
-            }
-        });
-        for (int i = 0; i < 3000 && rec.GetState() != eStateIdle; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        done.store(true);
-        callback.join();
-        // Joined here, before this test type's destructor changes the vtable.
-        rec.StopWorker();
-        out = testing::internal::GetCapturedStdout();
-        ASSERT_EQ(rec.GetState(), eStateIdle) << "the second limit did not stop the recording";
-        EXPECT_EQ(rec.Overruns(), 0u);
-    }
+    // Periods are offered only while they fit, so nothing is lost to an
+    // overrun; the callback goes on after the stop, as JACK would.
+    std::atomic<bool> done{false};
+    std::thread callback([&] {
+        std::vector<float> left(kPeriodFrames), right(kPeriodFrames);
+        const float* ports[kChannels] = {left.data(), right.data()};
+        for (unsigned first = 0; !done.load(); std::this_thread::yield()) {
+            // Like the callback, touch the buffer only after seeing Running.
+            if (rec.GetState() == eStateRunning && rec.Buffer()->GetWritableFrames() < kPeriodFrames)
+                continue;
+            FillPeriod(left, right, first);
+            rec.RecordPeriod(ports, kPeriodFrames);
+            first += kPeriodFrames;
+        }
+    });
+    for (int i = 0; i < 3000 && rec.GetState() != eStateIdle; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    done.store(true);
+    callback.join();
+    // Joined here, before this test type's destructor changes the vtable.
+    rec.StopWorker();
+    const std::string out = testing::internal::GetCapturedStdout();
+    ASSERT_EQ(rec.GetState(), eStateIdle) << "the second limit did not stop the recording";
+    EXPECT_EQ(rec.Overruns(), 0u);
+    m_pRec.reset(); // closes the files
     EXPECT_NE(out.find("Trying to roll, but no filenames!\r\n"), std::string::npos) << out;
     ExpectSignal(files[0], 0, 48000);
     ExpectSignal(files[1], 48000, 48000);
-    EXPECT_EQ(system(("rm -rf " + std::string(dir)).c_str()), 0);
 }
 
 } // namespace
