@@ -20,60 +20,50 @@ float* Base(const CZPBuffer& buf)
     return info.m_pSecond;
 }
 
-// Producer step: up to `frames` frames of a counting sequence (sample k holds
-// k), by block copy through the write regions or one sample at a time.
-// Returns the frames written.
-unsigned Produce(CZPBuffer& buf, unsigned channels, uint32_t& next, uint32_t endSample,
-                 unsigned frames, bool single)
+// One producer or consumer step over a counting sequence (sample k holds k):
+// up to `frames` frames, by block copy through the regions or one sample at
+// a time. A consumer counts the samples that are not the next of the
+// sequence in *errors. Returns the frames moved.
+unsigned Move(CZPBuffer& buf, bool write, unsigned channels, uint32_t& seq, unsigned frames, bool single,
+              unsigned* errors = nullptr)
 {
-    frames = std::min(frames, (endSample - next) / channels);
     if (single) {
-        const unsigned k = std::min(frames, buf.GetWritableFrames());
-        for (unsigned i = 0; i < k * channels; ++i)
-            buf.WriteSingle(static_cast<float>(next++));
+        const unsigned k = std::min(frames, write ? buf.GetWritableFrames() : buf.GetReadableFrames());
+        for (unsigned i = 0; i < k * channels; ++i, ++seq) {
+            if (write)
+                buf.WriteSingle(static_cast<float>(seq));
+            else
+                *errors += buf.ReadSingle() != static_cast<float>(seq);
+        }
         return k;
     }
     CBufInfo info;
-    buf.GetWriteInfo(info);
-    const unsigned k1 = std::min(frames, info.m_nFirstFrames);
-    for (unsigned i = 0; i < k1 * channels; ++i)
-        info.m_pFirst[i] = static_cast<float>(next++);
-    buf.WriteAdvance(k1);
-    unsigned k2 = 0;
-    if (k1 == info.m_nFirstFrames && info.m_nSecondFrames > 0) {
-        k2 = std::min(frames - k1, info.m_nSecondFrames);
-        for (unsigned i = 0; i < k2 * channels; ++i)
-            info.m_pSecond[i] = static_cast<float>(next++);
-        buf.WriteAdvance(k2);
-    }
-    return k1 + k2;
+    write ? buf.GetWriteInfo(info) : buf.GetReadInfo(info);
+    auto region = [&](float* p, unsigned n) {
+        for (unsigned i = 0; i < n * channels; ++i, ++seq) {
+            if (write)
+                p[i] = static_cast<float>(seq);
+            else
+                *errors += p[i] != static_cast<float>(seq);
+        }
+        write ? buf.WriteAdvance(n) : buf.ReadAdvance(n);
+        return n;
+    };
+    const unsigned k1 = region(info.m_pFirst, std::min(frames, info.m_nFirstFrames));
+    if (k1 < info.m_nFirstFrames || info.m_nSecondFrames == 0)
+        return k1;
+    return k1 + region(info.m_pSecond, std::min(frames - k1, info.m_nSecondFrames));
 }
 
-// Consumer step mirroring Produce. Counts a sample that is not the next of
-// the sequence in `errors`. Returns the frames read.
+unsigned Produce(CZPBuffer& buf, unsigned channels, uint32_t& next, unsigned frames, bool single)
+{
+    return Move(buf, true, channels, next, frames, single);
+}
+
 unsigned Consume(CZPBuffer& buf, unsigned channels, uint32_t& expected, unsigned frames, bool single,
                  unsigned& errors)
 {
-    if (single) {
-        const unsigned k = std::min(frames, buf.GetReadableFrames());
-        for (unsigned i = 0; i < k * channels; ++i)
-            errors += buf.ReadSingle() != static_cast<float>(expected++);
-        return k;
-    }
-    CBufInfo info;
-    buf.GetReadInfo(info);
-    const unsigned k1 = std::min(frames, info.m_nFirstFrames);
-    for (unsigned i = 0; i < k1 * channels; ++i)
-        errors += info.m_pFirst[i] != static_cast<float>(expected++);
-    buf.ReadAdvance(k1);
-    unsigned k2 = 0;
-    if (k1 == info.m_nFirstFrames && info.m_nSecondFrames > 0) {
-        k2 = std::min(frames - k1, info.m_nSecondFrames);
-        for (unsigned i = 0; i < k2 * channels; ++i)
-            errors += info.m_pSecond[i] != static_cast<float>(expected++);
-        buf.ReadAdvance(k2);
-    }
-    return k1 + k2;
+    return Move(buf, false, channels, expected, frames, single, &errors);
 }
 
 void ExpectRegions(const CBufInfo& info, const float* first, unsigned firstFrames, const float* second,
@@ -112,7 +102,7 @@ TEST(ZPBuffer, FullAndEmptyAreNeverConfused)
     uint32_t next = 0, expected = 0;
     unsigned errors = 0;
     for (unsigned start = 0; start < frames; ++start) {
-        EXPECT_EQ(Produce(buf, 2, next, UINT32_MAX, 100, start % 2 == 0), frames - 1);
+        EXPECT_EQ(Produce(buf, 2, next, 100, start % 2 == 0), frames - 1);
         EXPECT_EQ(buf.GetWritableFrames(), 0u);
         EXPECT_EQ(buf.GetReadableFrames(), frames - 1);
         buf.GetWriteInfo(info);
@@ -120,24 +110,18 @@ TEST(ZPBuffer, FullAndEmptyAreNeverConfused)
         EXPECT_EQ(Consume(buf, 2, expected, 100, start % 3 == 0, errors), frames - 1);
         ExpectEmpty(buf);
         // Move the cursors on by one frame for the next round.
-        Produce(buf, 2, next, UINT32_MAX, 1, true);
+        Produce(buf, 2, next, 1, true);
         Consume(buf, 2, expected, 1, true, errors);
     }
     EXPECT_EQ(errors, 0u);
-}
 
-TEST(ZPBuffer, OneFrameBufferNeverAcceptsData)
-{
-    CZPBuffer buf(4, 1);
-    CBufInfo info;
-    buf.GetWriteInfo(info);
-    EXPECT_EQ(buf.GetWritableFrames(), 0u);
-    EXPECT_EQ(info.m_nFirstFrames + info.m_nSecondFrames, 0u);
-    buf.StuffSilence(3);
-    ExpectEmpty(buf);
-
-    // Degenerate sizes behave like the one-frame buffer instead of dividing by zero.
-    CZPBuffer none(0, 0);
+    // A one-frame buffer never accepts data; degenerate sizes behave like it
+    // instead of dividing by zero.
+    CZPBuffer one(4, 1), none(0, 0);
+    one.GetWriteInfo(info);
+    EXPECT_EQ(one.GetWritableFrames() + info.m_nFirstFrames + info.m_nSecondFrames, 0u);
+    one.StuffSilence(3);
+    ExpectEmpty(one);
     EXPECT_EQ(none.GetTotalFrames(), 1u);
     EXPECT_EQ(none.GetWritableFrames(), 0u);
 }
@@ -147,7 +131,7 @@ class ZPBufferTenFrames : public ::testing::Test {
 protected:
     unsigned Put(unsigned frames, bool single = false)
     {
-        return Produce(m_Buf, 2, m_nNext, UINT32_MAX, frames, single);
+        return Produce(m_Buf, 2, m_nNext, frames, single);
     }
     unsigned Take(unsigned frames) { return Consume(m_Buf, 2, m_nExpected, frames, false, m_nErrors); }
 
@@ -218,7 +202,7 @@ TEST(ZPBuffer, OddChannelCountWrapsAtExactCapacity)
     uint32_t next = 0, expected = 0;
     unsigned errors = 0;
     for (unsigned step = 0; step < 40; ++step) {
-        Produce(buf, 3, next, UINT32_MAX, 37 + step % 5, step % 2 == 0);
+        Produce(buf, 3, next, 37 + step % 5, step % 2 == 0);
         Consume(buf, 3, expected, 29 + step % 7, step % 3 != 0, errors);
         if (next > 750 && next <= 1500) {
             EXPECT_EQ(base[0], 750.0f) << "sample 750 lands at the array start";
@@ -280,7 +264,8 @@ TEST(ZPBuffer, ProducerAndConsumerThreadsKeepTheSequence)
         uint32_t next = 0;
         waitForBoth();
         while (next < endSample && !consumerDone.load()) {
-            if (Produce(buf, channels, next, endSample, 1 + rng() % 17, rng() % 2 == 0) == 0)
+            const unsigned frames = std::min<unsigned>(1 + rng() % 17, (endSample - next) / channels);
+            if (Produce(buf, channels, next, frames, rng() % 2 == 0) == 0)
                 std::this_thread::yield();
         }
         producerDone.store(true);
