@@ -60,59 +60,45 @@ bool SendFrom(int fd, const structZorPlayMsg& msg)
 // ---------------------------------------------------------------------------
 // Command line (these runs exit before any socket is opened)
 
-TEST(CommandLine, VersionPrintsTwoLinesAndExits)
+TEST(CommandLine, VersionAndHelpExitAtOnceAfterTheOptionsBeforeThem)
 {
+    // An unknown option is reported before the version, an empty one is
+    // skipped, a toggle before -v has no lasting effect and nothing after
+    // -v is looked at.
     ChildProcess proc;
-    ASSERT_EQ(RunOnce(proc, {"-lm", "-v", "-bogus"}), 0);
+    ASSERT_EQ(RunOnce(proc, {"-x", "", "-lm", "-v", "-bogus"}), 0);
     const std::string out = proc.Output();
     EXPECT_EQ(out.rfind("zor_play V2.02, built ", 0), 0u) << out;
     EXPECT_NE(out.find("\r\nJACK version: "), std::string::npos) << out;
     EXPECT_EQ(Count(out, "\r\n"), 2u) << out;
-    // Nothing after -v is looked at.
-    EXPECT_EQ(proc.ErrorOutput(), "");
-
+    EXPECT_EQ(proc.ErrorOutput(), "zor_play: unrecognized option '-x', ignoring\n");
     for (const char* alias : {"--version", "-vq"}) {
         ChildProcess again;
         ASSERT_EQ(RunOnce(again, {alias}), 0);
         EXPECT_EQ(again.Output().rfind("zor_play V2.02, built ", 0), 0u) << alias;
     }
-}
 
-TEST(CommandLine, UnknownOptionsAreReportedBeforeVersionAndEmptyOnesSkipped)
-{
-    ChildProcess proc;
-    ASSERT_EQ(RunOnce(proc, {"-x", "", "-v"}), 0);
-    EXPECT_EQ(proc.ErrorOutput(), "zor_play: unrecognized option '-x', ignoring\n");
-    EXPECT_EQ(proc.Output().rfind("zor_play V2.02", 0), 0u);
-}
-
-TEST(CommandLine, HelpText)
-{
-    ChildProcess proc;
     ASSERT_EQ(RunOnce(proc, {"--help"}), 0);
-    const std::string out = proc.Output();
-    ASSERT_EQ(out.rfind("JACK version: ", 0), 0u) << out;
-    const std::string body = out.substr(out.find("\n\n") + 2);
-    const std::string expected =
-        "Usage: zor_play [options]\n\n"
-        "Options:\n"
-        "\t-h,--help\n\t\tprint this help and exit\n"
-        "\t-v\tprint version infomration and exit\n"
-        "\t-i\tset interactive mode and log interactive operations\n"
-        "\t-e\techo command in interactive mode\n"
-        "\t-lj\tlog JACK actions such as port creation, connection, etc.\n"
-        "\t-lc\tlog creation and destruction operations\n"
-        "\t-lr\tlog runtime, verbose tracing of the internals of the module, including the buffer, FSM, "
-        "over/underruns, etc.\n"
-        "\t-lf\tlog file operations such as opening and closing\n"
-        "\t-lm\tlog sending and reception of socket messages\n"
-        "\t-lp\tlog performance data such as timing of critical performance bottlenecks\n"
-        "\t-s\tdon't report status\n"
-        "\t-nc\tdon't connect JACK ports, assume this is managed elsewhere\n";
-    EXPECT_EQ(body, expected);
-    ChildProcess shortForm;
-    ASSERT_EQ(RunOnce(shortForm, {"-h"}), 0);
-    EXPECT_EQ(shortForm.Output(), out);
+    const std::string help = proc.Output();
+    ASSERT_EQ(help.rfind("JACK version: ", 0), 0u) << help;
+    EXPECT_EQ(help.substr(help.find("\n\n") + 2),
+              "Usage: zor_play [options]\n\n"
+              "Options:\n"
+              "\t-h,--help\n\t\tprint this help and exit\n"
+              "\t-v\tprint version infomration and exit\n"
+              "\t-i\tset interactive mode and log interactive operations\n"
+              "\t-e\techo command in interactive mode\n"
+              "\t-lj\tlog JACK actions such as port creation, connection, etc.\n"
+              "\t-lc\tlog creation and destruction operations\n"
+              "\t-lr\tlog runtime, verbose tracing of the internals of the module, including the buffer, FSM, "
+              "over/underruns, etc.\n"
+              "\t-lf\tlog file operations such as opening and closing\n"
+              "\t-lm\tlog sending and reception of socket messages\n"
+              "\t-lp\tlog performance data such as timing of critical performance bottlenecks\n"
+              "\t-s\tdon't report status\n"
+              "\t-nc\tdon't connect JACK ports, assume this is managed elsewhere\n");
+    ASSERT_EQ(RunOnce(proc, {"-h"}), 0);
+    EXPECT_EQ(proc.Output(), help);
 }
 
 TEST(CommandLine, QueueMemoryTooSmallForAllModulesStopsStartup)
@@ -132,47 +118,67 @@ TEST(CommandLine, QueueMemoryTooSmallForAllModulesStopsStartup)
 
 class ServerSpine : public ServerTest {
 protected:
-    // Sends raw bytes and waits for the response to them.
-    bool SendAndReceive(const void* data, size_t len, structZorPlayMsg& resp, size_t* respLen)
-    {
-        if (!m_Client.SendRaw(data, len))
-            return false;
-        return m_Client.ReceiveAny(resp, 10000, respLen);
-    }
-
     int Answer(structZorPlayMsg req)
     {
         structZorPlayMsg resp;
-        if (!m_Client.Request(req, resp))
-            return -1;
-        return static_cast<int>(resp.payload.eResult);
+        return m_Client.Request(req, resp) ? static_cast<int>(resp.payload.eResult) : -1;
+    }
+    // Waits until the output holds each text the given number of times.
+    bool PrintedTimes(std::initializer_list<std::pair<const char*, size_t>> counts)
+    {
+        return WaitUntil(
+            [&] {
+                for (const auto& c : counts)
+                    if (Count(m_Server.Output(), c.first) != c.second)
+                        return false;
+                return true;
+            },
+            5000);
     }
 };
 
-TEST_F(ServerSpine, ResponseEchoesTheHeaderWithResultAndZeroPayload)
+TEST_F(ServerSpine, EveryDatagramGetsOneWholeResponse)
 {
+    // The response is the request with nReq 1 and a payload of the result alone.
     structZorPlayMsg req = m_Client.MakeRequest(eZorPlayPlayer, eCmdHello, 2);
     memset(req.payload.raw, 0x5A, sizeof(req.payload.raw));
-    structZorPlayMsg resp;
+    structZorPlayMsg resp, expected = req;
+    expected.nReq = eReqResponse;
+    memset(&expected.payload, 0, sizeof(expected.payload));
     size_t len = 0;
-    ASSERT_TRUE(SendAndReceive(&req, sizeof(req), resp, &len));
+    ASSERT_TRUE(m_Client.SendRaw(&req, sizeof(req)) && m_Client.ReceiveAny(resp, 10000, &len));
     EXPECT_EQ(len, static_cast<size_t>(kZorPlayMsgSize));
-    EXPECT_EQ(resp.nVersion, 0u);
-    EXPECT_EQ(resp.nLength, kZorPlayMsgSize);
-    EXPECT_EQ(resp.nID, req.nID);
-    EXPECT_EQ(resp.nReq, eReqResponse);
-    EXPECT_EQ(resp.eType, eZorPlayPlayer);
-    EXPECT_EQ(resp.eCmd, eCmdHello);
-    EXPECT_EQ(resp.nIndex, 2);
+    EXPECT_EQ(memcmp(&resp, &expected, sizeof(resp)), 0);
+
+    // All zero (what a failed receive leaves): the length check fails.
+    structZorPlayMsg zero;
+    memset(&zero, 0, sizeof(zero));
+    ASSERT_TRUE(m_Client.SendRaw(&zero, sizeof(zero)) && m_Client.ReceiveAny(resp, 10000, &len));
+    EXPECT_EQ(resp.payload.eResult, eResultBadLength);
+    ASSERT_TRUE(m_Server.WaitForOutput(
+        "Got msg size 0, expecting size 3236\r\nMessage fails validation: Message length incorrect\r\n", 5000));
+
+    // 100 bytes: the header is whole, the rest reads as zero.
+    structZorPlayMsg hello = m_Client.MakeRequest(eZorPlayPlayer, eCmdHello, 0);
+    ASSERT_TRUE(m_Client.SendRaw(&hello, 100) && m_Client.ReceiveAny(resp, 10000, &len));
+    EXPECT_EQ(len, static_cast<size_t>(kZorPlayMsgSize));
+    EXPECT_EQ(resp.nID, hello.nID);
     EXPECT_EQ(resp.payload.eResult, eResultSuccess);
-    for (int i = 4; i < kZorPlayPayloadSize; ++i)
-        ASSERT_EQ(resp.payload.raw[i], 0) << "payload byte " << i;
+
+    // 4000 bytes: cut to the record; what follows is never read as a second message.
+    std::vector<uint8_t> big(4000, 0xFF);
+    hello = m_Client.MakeRequest(eZorPlayPlayer, eCmdHello, 3);
+    memcpy(big.data(), &hello, sizeof(hello));
+    ASSERT_TRUE(m_Client.SendRaw(big.data(), big.size()) && m_Client.ReceiveAny(resp, 10000, &len));
+    EXPECT_EQ(len, static_cast<size_t>(kZorPlayMsgSize));
+    EXPECT_EQ(resp.nIndex, 3);
+    EXPECT_EQ(resp.payload.eResult, eResultSuccess);
+    EXPECT_FALSE(m_Client.ReceiveAny(resp, 300, &len)) << "one datagram, one response";
 }
 
-TEST_F(ServerSpine, HeaderChecksInOrderWithTheirLines)
+TEST_F(ServerSpine, HeaderChecksInOrderAndUnknownCommands)
 {
-    size_t mark = m_Server.OutputSize();
-
+    const size_t mark = m_Server.OutputSize();
     // Version is tested before length: no size line.
     structZorPlayMsg req = m_Client.MakeRequest(eZorPlayRecorder, eCmdHello, 0);
     req.nVersion = 1;
@@ -194,113 +200,63 @@ TEST_F(ServerSpine, HeaderChecksInOrderWithTheirLines)
     req = m_Client.MakeRequest(eZorPlayRecorder, eCmdHello, 0);
     req.nReq = eReqResponse;
     EXPECT_EQ(Answer(req), eResultNotRequest);
-    ASSERT_TRUE(m_Server.WaitForOutput("Message fails validation: Server message was not a request\r\n", 5000));
 
     // Type and index are checked for every command, even those that ignore them.
     for (enumZorPlayCmd cmd : {eCmdHello, eCmdExit, eCmdDeleteAll, eCmdCreate}) {
-        req = m_Client.MakeRequest(static_cast<enumZorPlayType>(2), cmd, 0);
-        EXPECT_EQ(Answer(req), eResultBadType) << "command " << cmd;
-        for (int index : {8, -1}) {
-            req = m_Client.MakeRequest(eZorPlayPlayer, cmd, index);
-            EXPECT_EQ(Answer(req), eResultBadIndex) << "command " << cmd << " index " << index;
-        }
+        EXPECT_EQ(Answer(m_Client.MakeRequest(static_cast<enumZorPlayType>(2), cmd, 0)), eResultBadType) << cmd;
+        for (int index : {8, -1})
+            EXPECT_EQ(Answer(m_Client.MakeRequest(eZorPlayPlayer, cmd, index)), eResultBadIndex) << cmd << " " << index;
     }
-    ASSERT_TRUE(WaitUntil(
-        [&] {
-            const std::string out = m_Server.OutputSince(mark);
-            return Count(out, "Message fails validation: Message not for player or recorder\r\n") == 4 &&
-                   Count(out, "Message fails validation: Module index out of bounds\r\n") == 8;
-        },
-        5000))
-        << m_Server.OutputSince(mark);
+    // Commands only the server sends, and codes past the table, answer 6
+    // and never produce an unrequested message.
+    for (uint32_t cmd : {9u, 10u, 18u, 1000u})
+        EXPECT_EQ(Answer(m_Client.MakeRequest(eZorPlayPlayer, static_cast<enumZorPlayCmd>(cmd), 0)),
+                  eResultUnknownCommand)
+            << "command " << cmd;
+    EXPECT_TRUE(PrintedTimes({{"Message fails validation: Server message was not a request\r\n", 1},
+                              {"Message fails validation: Message not for player or recorder\r\n", 4},
+                              {"Message fails validation: Module index out of bounds\r\n", 8},
+                              {"Unhandled command\r\n", 4}}))
+        << m_Server.Output();
+    structZorPlayMsg msg;
+    EXPECT_FALSE(m_Client.WaitUnrequested(msg, 300));
     // The refused Exit did not stop the server.
     EXPECT_EQ(Answer(m_Client.MakeRequest(eZorPlayPlayer, eCmdHello, 0)), eResultSuccess);
 }
 
-TEST_F(ServerSpine, AllZeroShortAndLongDatagrams)
+TEST_F(ServerSpine, AnswersGoToTheClientPathOnly)
 {
-    structZorPlayMsg resp;
-    size_t len = 0;
-
-    structZorPlayMsg zero;
-    memset(&zero, 0, sizeof(zero));
-    ASSERT_TRUE(SendAndReceive(&zero, sizeof(zero), resp, &len));
-    EXPECT_EQ(resp.payload.eResult, eResultBadLength);
-    ASSERT_TRUE(m_Server.WaitForOutput(
-        "Got msg size 0, expecting size 3236\r\nMessage fails validation: Message length incorrect\r\n", 5000));
-
-    // 100 bytes: the header is whole, the rest reads as zero.
-    structZorPlayMsg hello = m_Client.MakeRequest(eZorPlayPlayer, eCmdHello, 0);
-    ASSERT_TRUE(SendAndReceive(&hello, 100, resp, &len));
-    EXPECT_EQ(len, static_cast<size_t>(kZorPlayMsgSize));
-    EXPECT_EQ(resp.nID, hello.nID);
-    EXPECT_EQ(resp.payload.eResult, eResultSuccess);
-
-    // 4000 bytes: cut to the record; what follows is never read as a second message.
-    std::vector<uint8_t> big(4000, 0xFF);
-    structZorPlayMsg exitLater = m_Client.MakeRequest(eZorPlayPlayer, eCmdHello, 3);
-    memcpy(big.data(), &exitLater, sizeof(exitLater));
-    ASSERT_TRUE(SendAndReceive(big.data(), big.size(), resp, &len));
-    EXPECT_EQ(len, static_cast<size_t>(kZorPlayMsgSize));
-    EXPECT_EQ(resp.nIndex, 3);
-    EXPECT_EQ(resp.payload.eResult, eResultSuccess);
-    EXPECT_FALSE(m_Client.ReceiveAny(resp, 300, &len)) << "one datagram, one response";
-}
-
-TEST_F(ServerSpine, UnrequestedCommandsAndUnknownCodesAnswerSix)
-{
-    for (uint32_t cmd : {9u, 10u, 18u, 1000u}) {
-        structZorPlayMsg req = m_Client.MakeRequest(eZorPlayPlayer, static_cast<enumZorPlayCmd>(cmd), 0);
-        EXPECT_EQ(Answer(req), eResultUnknownCommand) << "command " << cmd;
-    }
-    ASSERT_TRUE(WaitUntil([&] { return Count(m_Server.Output(), "Unhandled command\r\n") == 4; }, 5000))
-        << m_Server.Output();
-    structZorPlayMsg msg;
-    EXPECT_FALSE(m_Client.WaitUnrequested(msg, 300)) << "a request never produces an unrequested message";
-}
-
-TEST_F(ServerSpine, RequestFromAnotherPathIsAnsweredToTheClientPath)
-{
+    // A request from a socket bound elsewhere is answered to the client path.
     const char* otherPath = "/tmp/zp_test_other_client";
     unlink(otherPath);
-    int other = socket(AF_UNIX, SOCK_DGRAM, 0);
+    const int other = socket(AF_UNIX, SOCK_DGRAM, 0);
     ASSERT_GE(other, 0);
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     strcpy(addr.sun_path, otherPath);
     ASSERT_EQ(bind(other, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-    structZorPlayMsg req = m_Client.MakeRequest(eZorPlayRecorder, eCmdHello, 0);
+    structZorPlayMsg req = m_Client.MakeRequest(eZorPlayRecorder, eCmdHello, 0), resp;
     ASSERT_TRUE(SendFrom(other, req));
-    structZorPlayMsg resp;
     ASSERT_TRUE(m_Client.ReceiveAny(resp, 10000));
     EXPECT_EQ(resp.nID, req.nID);
     EXPECT_EQ(resp.nReq, eReqResponse);
     char buf[16];
     EXPECT_EQ(recv(other, buf, sizeof(buf), MSG_DONTWAIT), -1) << "the sender's own path hears nothing";
+
+    // With nobody bound to the client path the send fails, and serving goes on.
+    m_Client.Close();
+    ASSERT_TRUE(SendFrom(other, req));
     close(other);
     unlink(otherPath);
-}
-
-TEST_F(ServerSpine, WithNoClientBoundSendsFailAndServingGoesOn)
-{
-    m_Client.Close();
-    // Send from an unbound socket: the server's answer has nowhere to go.
-    int anon = socket(AF_UNIX, SOCK_DGRAM, 0);
-    structZorPlayMsg req;
-    InitRequest(req, 99, eZorPlayPlayer, eCmdHello, 0);
-    ASSERT_TRUE(SendFrom(anon, req));
-    close(anon);
     EXPECT_TRUE(m_Server.WaitForOutput("SendResponse send() failed: No such file or directory\r\n", 5000))
         << m_Server.Output();
-
     ASSERT_TRUE(m_Client.Open());
     EXPECT_EQ(m_Client.Call(eZorPlayPlayer, eCmdHello, 0), eResultSuccess);
 }
 
 TEST_F(ServerSpine, ExitAnswersThenShutsDownCleanly)
 {
-    std::string pid = ReadFile(kPidFile);
-    EXPECT_EQ(pid, std::to_string(m_Server.Pid())) << "the pid file holds the bare process id";
+    EXPECT_EQ(ReadFile(kPidFile), std::to_string(m_Server.Pid())) << "the pid file holds the bare process id";
     EXPECT_EQ(ReadFile(kVersionFile), "2.02");
     // Where the queue limit cannot be raised, the one in force covers every module.
     const std::string err = m_Server.ErrorOutput();
@@ -328,17 +284,31 @@ TEST_F(ServerSpine, InterruptWhileWaiting)
     EXPECT_FALSE(FileExists(kPidFile));
 }
 
-class ServerSpineCreationLog : public ServerSpine {
+class Traces : public ServerSpine {
 protected:
-    std::vector<std::string> ServerArgs() override { return {"-lc", "-lj", "-lj"}; }
+    std::vector<std::string> ServerArgs() override { return {"-lc", "-lj", "-lj", "-lm"}; }
 };
 
-TEST_F(ServerSpineCreationLog, TogglesAndShutdownTraces)
+TEST_F(Traces, TogglesMessagingAndShutdownTraces)
 {
+    structZorPlayMsg req = m_Client.MakeRequest(eZorPlayPlayer, eCmdFileProgress, 0), resp;
+    req.nID = 0xabc;
+    ASSERT_TRUE(m_Client.Request(req, resp));
+    ASSERT_TRUE(m_Server.WaitForOutput("sending response, ID=2748, cmd=9, req=1\r\n", 5000));
+    std::string out = m_Server.Output();
+    const size_t first = out.find("  MESSAGING: Server got 3236 byte UD message, ID=2748");
+    ASSERT_NE(first, std::string::npos) << out;
+    EXPECT_EQ(out.substr(first),
+              "  MESSAGING: Server got 3236 byte UD message, ID=2748, cmd=9, req=0\r\n"
+              "  MESSAGING: Message & seqnum: 0xabc type: 9\r\n"
+              "  MESSAGING: Dispatch received message: File progress\r\n"
+              "Unhandled command\r\n"
+              "  MESSAGING: Server sending response, ID=2748, cmd=9, req=1\r\n");
+
     ASSERT_TRUE(m_Server.WaitUntilIdle(5000));
     m_Server.Signal(SIGINT);
     EXPECT_EQ(m_Server.WaitExit(10000), 0);
-    const std::string out = m_Server.Output();
+    out = m_Server.Output();
     EXPECT_EQ(out.rfind("   CREATION: Creating RP server\r\n   CREATION: Creating socket "
                         "'/tmp/recorder_unix_socket_server' for recorder communications\r\n",
                         0),
@@ -348,29 +318,6 @@ TEST_F(ServerSpineCreationLog, TogglesAndShutdownTraces)
     EXPECT_NE(out.find("   CREATION: ~Destructing RP server\r\n"), std::string::npos);
     EXPECT_NE(out.find("   CREATION: main Exiting.\r\n"), std::string::npos);
     EXPECT_EQ(out.find("JACK:"), std::string::npos) << "-lj twice leaves the category off";
-}
-
-class MessagingLog : public ServerSpine {
-protected:
-    std::vector<std::string> ServerArgs() override { return {"-lm"}; }
-};
-
-TEST_F(MessagingLog, ReceiveDispatchAndResponseTraces)
-{
-    structZorPlayMsg req = m_Client.MakeRequest(eZorPlayPlayer, eCmdFileProgress, 0);
-    req.nID = 0x2a;
-    structZorPlayMsg resp;
-    ASSERT_TRUE(m_Client.Request(req, resp));
-    ASSERT_TRUE(m_Server.WaitForOutput("sending response, ID=42, cmd=9, req=1\r\n", 5000));
-    const std::string out = m_Server.Output();
-    const size_t first = out.find("  MESSAGING: Server got 3236 byte UD message, ID=42");
-    ASSERT_NE(first, std::string::npos) << out;
-    EXPECT_EQ(out.substr(first),
-              "  MESSAGING: Server got 3236 byte UD message, ID=42, cmd=9, req=0\r\n"
-              "  MESSAGING: Message & seqnum: 0x2a type: 9\r\n"
-              "  MESSAGING: Dispatch received message: File progress\r\n"
-              "Unhandled command\r\n"
-              "  MESSAGING: Server sending response, ID=42, cmd=9, req=1\r\n");
 }
 
 // ---------------------------------------------------------------------------
