@@ -13,37 +13,21 @@
 
 namespace {
 
-// Names private to this test process, so a running server is never disturbed.
-std::string Name(const char* what) { return "zp_unit_" + std::to_string(getpid()) + "_" + what; }
-
-std::string Path(const std::string& name) { return std::string(kInfoDirectory) + "/" + name; }
-
-std::string Contents(const std::string& name)
-{
-    std::ifstream in(Path(name), std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void WriteRaw(const std::string& name, const std::string& text)
-{
-    std::ofstream(Path(name), std::ios::binary) << text;
-}
-
+// A name private to this test process, so a running server is never disturbed.
 class InfoFiles : public ::testing::Test {
 protected:
-    void TearDown() override
+    void TearDown() override { unlink(Path().c_str()); }
+    std::string Path() const { return std::string(kInfoDirectory) + "/" + m_Name; }
+    std::string Contents() const
     {
-        for (const std::string& n : m_Names)
-            unlink(Path(n).c_str());
+        std::stringstream ss;
+        ss << std::ifstream(Path(), std::ios::binary).rdbuf();
+        return ss.str();
     }
-    std::string Use(const char* what)
-    {
-        m_Names.push_back(Name(what));
-        return m_Names.back();
-    }
-    std::vector<std::string> m_Names;
+    void Write(const std::string& text) const { std::ofstream(Path(), std::ios::binary) << text; }
+
+    const std::string m_Name = "zp_unit_" + std::to_string(getpid());
+    const char* const n = m_Name.c_str();
 };
 
 } // namespace
@@ -51,112 +35,85 @@ protected:
 TEST_F(InfoFiles, WritersStoreTheBareTextAndCreateTheDirectory)
 {
     // The first write in a process creates the directory when it is missing.
-    std::string first = Use("first");
+    EXPECT_EQ(SetInfo(n, "abc"), eInfoOK);
     struct stat st;
-    if (stat(kInfoDirectory, &st) != 0) {
-        EXPECT_EQ(SetInfo(first.c_str(), "abc"), eInfoOK);
-        ASSERT_EQ(stat(kInfoDirectory, &st), 0);
-        EXPECT_TRUE(S_ISDIR(st.st_mode));
-    }
-    EXPECT_EQ(SetInfo(first.c_str(), "abc"), eInfoOK);
-    EXPECT_EQ(Contents(first), "abc");
-
-    std::string n = Use("int");
-    EXPECT_EQ(SetInfo(n.c_str(), -42), eInfoOK);
-    EXPECT_EQ(Contents(n), "-42");
-    EXPECT_EQ(SetInfo(n.c_str(), true), eInfoOK);
-    EXPECT_EQ(Contents(n), "1") << "rewriting truncates";
-    EXPECT_EQ(SetInfo(n.c_str(), false), eInfoOK);
-    EXPECT_EQ(Contents(n), "0");
-    EXPECT_EQ(SetInfo(n.c_str(), 2.5f), eInfoOK);
-    EXPECT_EQ(Contents(n), "2.5");
+    ASSERT_EQ(stat(kInfoDirectory, &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(Contents(), "abc");
+    EXPECT_EQ(SetInfo(n, -42), eInfoOK);
+    EXPECT_EQ(Contents(), "-42");
+    EXPECT_EQ(SetInfo(n, true), eInfoOK);
+    EXPECT_EQ(Contents(), "1") << "rewriting truncates";
+    EXPECT_EQ(SetInfo(n, false), eInfoOK);
+    EXPECT_EQ(Contents(), "0");
+    EXPECT_EQ(SetInfo(n, 2.5f), eInfoOK);
+    EXPECT_EQ(Contents(), "2.5");
 }
 
 TEST_F(InfoFiles, ReadersParseAndBoundTheirText)
 {
-    std::string n = Use("read");
-    WriteRaw(n, "12x");
     int value = 7;
-    EXPECT_EQ(GetInfo(n.c_str(), value), 3);
-    EXPECT_EQ(value, 12);
-
-    WriteRaw(n, "x");
-    value = 7;
-    EXPECT_EQ(GetInfo(n.c_str(), value), 0);
-    EXPECT_EQ(value, 7) << "unparsable text leaves the value alone";
     bool flag = true;
-    EXPECT_EQ(GetInfo(n.c_str(), flag), 0);
-    EXPECT_TRUE(flag);
-
-    WriteRaw(n, "0");
-    EXPECT_EQ(GetInfo(n.c_str(), flag), 1);
-    EXPECT_FALSE(flag);
     float f = 0;
-    WriteRaw(n, "0.25");
-    EXPECT_EQ(GetInfo(n.c_str(), f), 4);
+    Write("12x");
+    EXPECT_EQ(GetInfo(n, value), 3);
+    EXPECT_EQ(value, 12);
+    Write("x");
+    EXPECT_EQ(GetInfo(n, value), 0);
+    EXPECT_EQ(GetInfo(n, flag), 0);
+    EXPECT_EQ(value, 12) << "unparsable text leaves the value alone";
+    EXPECT_TRUE(flag);
+    Write("0");
+    EXPECT_EQ(GetInfo(n, flag), 1);
+    EXPECT_FALSE(flag);
+    Write("0.25");
+    EXPECT_EQ(GetInfo(n, f), 4);
     EXPECT_FLOAT_EQ(f, 0.25f);
+    Write("1" + std::string(70, '0'));
+    EXPECT_EQ(GetInfo(n, f), 63) << "a float file keeps 63 characters";
 
-    // A float file of 64 bytes or more keeps 63 characters.
-    WriteRaw(n, "1" + std::string(70, '0'));
-    EXPECT_EQ(GetInfo(n.c_str(), f), 63);
-
-    WriteRaw(n, "abcdef");
+    Write("abcdef");
     char buf[8];
     memset(buf, 'Z', sizeof(buf));
-    EXPECT_EQ(GetInfo(n.c_str(), buf, 4), 3);
+    EXPECT_EQ(GetInfo(n, buf, 4), 3);
     EXPECT_STREQ(buf, "abc");
     EXPECT_EQ(buf[4], 'Z') << "nothing written past the buffer size";
-    EXPECT_EQ(ReadTextFile(Path(n).c_str(), buf, sizeof(buf)), 6);
+    EXPECT_EQ(ReadTextFile(Path().c_str(), buf, sizeof(buf)), 6);
     EXPECT_STREQ(buf, "abcdef");
 
-    WriteRaw(n, "");
-    EXPECT_EQ(GetInfo(n.c_str(), buf, sizeof(buf)), eInfoEmptyFile);
-    EXPECT_EQ(GetInfo(n.c_str(), value), eInfoEmptyFile);
-    EXPECT_EQ(GetInfo(Name("missing").c_str(), buf, sizeof(buf)), eInfoCantOpen);
+    Write("");
+    EXPECT_EQ(GetInfo(n, buf, sizeof(buf)), eInfoEmptyFile);
+    EXPECT_EQ(GetInfo(n, value), eInfoEmptyFile);
+    EXPECT_EQ(DeleteInfo(n), eInfoOK);
+    EXPECT_EQ(DeleteInfo(n), eInfoCantRemove);
+    EXPECT_EQ(GetInfo(n, buf, sizeof(buf)), eInfoCantOpen);
 }
 
-TEST_F(InfoFiles, BadArgumentsAndFailures)
+TEST(InfoFileArguments, BadArgumentsAndFailures)
 {
     char buf[8];
-    EXPECT_EQ(SetInfo(nullptr, "x"), eInfoBadArgument);
-    EXPECT_EQ(SetInfo("x", static_cast<const char*>(nullptr)), eInfoBadArgument);
-    EXPECT_EQ(GetInfo("x", nullptr, 8), eInfoBadArgument);
-    EXPECT_EQ(GetInfo("x", buf, 0), eInfoBadArgument);
-    EXPECT_EQ(DeleteInfo(nullptr), eInfoBadArgument);
-    EXPECT_EQ(WriteTextFile(nullptr, "x"), eInfoBadArgument);
-    EXPECT_EQ(ReadTextFile("/tmp", nullptr, 1), eInfoBadArgument);
-
-    // A name too long for the path is refused and creates nothing.
-    std::string longName(400, 'n');
-    EXPECT_EQ(SetInfo(longName.c_str(), "x"), eInfoBadArgument);
-    EXPECT_EQ(GetInfo(longName.c_str(), buf, sizeof(buf)), eInfoBadArgument);
-    EXPECT_EQ(DeleteInfo(longName.c_str()), eInfoBadArgument);
-
+    const std::string longName(400, 'n'); // too long for the path: refused, nothing created
+    for (int code : {SetInfo(nullptr, "x"), SetInfo("x", static_cast<const char*>(nullptr)), GetInfo("x", nullptr, 8),
+                     GetInfo("x", buf, 0), DeleteInfo(nullptr), WriteTextFile(nullptr, "x"),
+                     ReadTextFile("/tmp", nullptr, 1), SetInfo(longName.c_str(), "x"),
+                     GetInfo(longName.c_str(), buf, sizeof(buf)), DeleteInfo(longName.c_str())})
+        EXPECT_EQ(code, eInfoBadArgument);
     EXPECT_EQ(WriteTextFile("/nonexistent-dir/x", "x"), eInfoCantOpen);
     EXPECT_EQ(ReadTextFile("/nonexistent-dir/x", buf, sizeof(buf)), eInfoCantOpen);
-    // Reading a directory opens but fails on read.
-    EXPECT_EQ(ReadTextFile("/tmp", buf, sizeof(buf)), eInfoReadFailed);
-
-    std::string n = Use("delete");
-    EXPECT_EQ(SetInfo(n.c_str(), "x"), eInfoOK);
-    EXPECT_EQ(DeleteInfo(n.c_str()), eInfoOK);
-    EXPECT_EQ(DeleteInfo(n.c_str()), eInfoCantRemove);
+    EXPECT_EQ(ReadTextFile("/tmp", buf, sizeof(buf)), eInfoReadFailed) << "a directory opens but cannot be read";
 }
 
 TEST(BoundedCopy, CutsTerminatesAndCounts)
 {
     char dst[8];
     memset(dst, 'Z', sizeof(dst));
+    EXPECT_EQ(strscpy(dst, "hello", 0), eInfoZeroSize);
+    EXPECT_EQ(dst[0], 'Z');
     EXPECT_EQ(strscpy(dst, "hello", 3), 2);
     EXPECT_STREQ(dst, "he");
     EXPECT_EQ(dst[3], 'Z') << "bytes after the terminator are left alone";
     EXPECT_EQ(strscpy(dst, "hello", 6), 5);
     EXPECT_STREQ(dst, "hello");
-    EXPECT_EQ(strscpy(dst, "", 8), 0);
-    EXPECT_STREQ(dst, "");
-    memset(dst, 'Z', sizeof(dst));
-    EXPECT_EQ(strscpy(dst, "hello", 0), eInfoZeroSize);
-    EXPECT_EQ(dst[0], 'Z');
     EXPECT_EQ(strscpy(dst, "x", 1), 0);
     EXPECT_EQ(dst[0], '\0');
 }
@@ -176,9 +133,8 @@ TEST(BoundedCopy, MoveHandlesOverlapAndCloseOnExec)
     EXPECT_TRUE(fcntl(fds[0], F_GETFD) & FD_CLOEXEC);
     close(fds[0]);
     close(fds[1]);
-    const int closedFD = 1000; // far above anything this process opens
     testing::internal::CaptureStdout();
-    bool result = SetCloseOnExec(closedFD);
+    const bool result = SetCloseOnExec(1000); // far above anything this process opens
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error getting flags for fd = 1000: Bad file descriptor\r\n");
     EXPECT_FALSE(result);
 }
