@@ -41,33 +41,24 @@ public:
     }
     bool Open(const std::string& server)
     {
-        jack_status_t status;
         m_pClient = jack_client_open("zp_feeder", static_cast<jack_options_t>(JackNoStartServer | JackServerName),
-                                     &status, server.c_str());
-        if (m_pClient == nullptr)
-            return false;
-        for (unsigned c = 0; c < 8; ++c)
+                                     nullptr, server.c_str());
+        for (unsigned c = 0; m_pClient && c < 8; ++c)
             m_pPorts[c] = jack_port_register(m_pClient, ("out" + std::to_string(c + 1)).c_str(),
                                              JACK_DEFAULT_AUDIO_TYPE, JackPortIsOutput, 0);
-        jack_set_process_callback(m_pClient, Process, this);
-        return jack_activate(m_pClient) == 0;
+        return m_pClient && jack_set_process_callback(m_pClient, Process, this) == 0 && jack_activate(m_pClient) == 0;
     }
     bool Connect(int slot, unsigned channels)
     {
         char rec[32];
-        snprintf(rec, sizeof(rec), "Recorder%03d", slot);
-        for (unsigned c = 1; c <= channels; ++c)
-            if (jack_connect(m_pClient, ("zp_feeder:out" + std::to_string(c)).c_str(),
-                             (std::string(rec) + ":input" + std::to_string(c)).c_str()) != 0)
+        for (unsigned c = 1; c <= channels; ++c) {
+            snprintf(rec, sizeof(rec), "Recorder%03d:input%u", slot, c);
+            if (jack_connect(m_pClient, ("zp_feeder:out" + std::to_string(c)).c_str(), rec) != 0)
                 return false;
+        }
         return true;
     }
-    void Set(Signal s, bool tone)
-    {
-        m_nChannels = s.channels;
-        m_nBits = s.bits;
-        m_bTone = tone;
-    }
+    void Set(Signal s, bool tone) { m_nChannels = s.channels, m_nBits = s.bits, m_bTone = tone; }
 
 private:
     static int Process(jack_nframes_t nframes, void* arg)
@@ -104,7 +95,7 @@ private:
 // A whole WAV file as integers at the given word length.
 std::vector<int> ReadWav(const std::string& path, SF_INFO& info, int bits)
 {
-    memset(&info, 0, sizeof(info));
+    info = SF_INFO{};
     SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
     if (f == nullptr)
         return {};
@@ -149,22 +140,16 @@ protected:
     int Setup(int slot, const std::vector<std::string>& names, int format = 0, unsigned rate = 0, int word = 0,
               unsigned seconds = 0, int roll = 0, int secondary = 0)
     {
-        structSetupFile s;
-        memset(&s, 0, sizeof(s));
-        s.bSecondary = secondary;
-        s.nFileSeconds = seconds;
+        structSetupFile s{};
         for (size_t i = 0; i < names.size(); ++i)
             strncpy(s.szFilenames[i], names[i].c_str(), sizeof(s.szFilenames[i]) - 1);
-        s.nFileFormat = format;
-        s.nSampleRate = rate;
-        s.nWordLength = word;
-        s.bRoll = roll;
+        s.bSecondary = secondary, s.nFileSeconds = seconds, s.bRoll = roll;
+        s.nFileFormat = format, s.nSampleRate = rate, s.nWordLength = word;
         return m_Client.Call(eZorPlayRecorder, eCmdSetupFile, slot, &s, sizeof(s));
     }
     structFileCompletion Completion(int slot)
     {
-        structZorPlayMsg msg;
-        memset(&msg, 0, sizeof(msg));
+        structZorPlayMsg msg{};
         EXPECT_TRUE(m_Client.WaitUnrequested(msg, 20000, eCmdFileCompletion)) << m_Server.Output();
         EXPECT_EQ(msg.eType, eZorPlayRecorder);
         EXPECT_EQ(msg.nIndex, slot);
