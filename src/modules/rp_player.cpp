@@ -237,14 +237,24 @@ enumZorPlayResult CPlayer::DoPlaylistSkip(structSkipInPlaylist* pSkip)
         return eResultSkipImpossible;
     if (state == eStateFileReady || state == eStatePaused) {
         m_PlayFileHandler.SkipInPlaylist(relative, pSkip->nSkip);
+        bool rolled = false;
         {
             // The callback reads the port index; keep it off while the
             // worker moves the ports on itself.
             CRTGatePark park(m_PlayFileHandler.GetRTGate());
-            m_PlayFileHandler.RTRoll();
+            rolled = m_PlayFileHandler.RTRoll() != nullptr;
+            // Nothing from the chosen entry on could be opened: play ends
+            // here, as it does when the same skip is made while running.
+            if (!rolled) {
+                m_nPortMaxLen.store(0, std::memory_order_relaxed);
+                m_nPortPosition.store(0, std::memory_order_relaxed);
+                SetState(eStateIdle);
+            }
         }
-        PrepareCompletionMsg(true);
+        PrepareCompletionMsg(rolled);
         SendMsg();
+        if (!rolled)
+            return eResultSuccess;
         m_nPortPosition.store(m_PlayFileHandler.GetPortPosition(), std::memory_order_relaxed);
         m_nPeakBufferFrames.store(0, std::memory_order_relaxed);
         m_PlayFileHandler.ServiceBuffer();

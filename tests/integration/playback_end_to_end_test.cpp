@@ -680,4 +680,12 @@ TEST_F(Playback, PlaylistSkipsInFileReadyRunningAndPaused)
     EXPECT_EQ(runs[3].first, 3 * len);
     EXPECT_EQ(runs[3].len, 3u * len);
     ExpectNoUnderrun();
+
+    // A skip to an entry from which on nothing opens ends play at once.
+    WriteText(Path("text.wav"), "not a sound file\n");
+    WriteText(Path("tail.txt"), f[0] + "\n" + Path("text.wav") + "\n");
+    ASSERT_EQ(Playlist(0, Path("tail.txt")), eResultSuccess);
+    ASSERT_EQ(Skip(0, 0, 1), eResultSuccess);
+    ExpectCompletion(Completion(), f[0], 0, "", 0);
+    EXPECT_EQ(Cmd(0, eCmdStart), eResultNoFile);
 }
