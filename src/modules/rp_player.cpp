@@ -147,16 +147,12 @@ void CPlayer::ServiceBuffer()
     if (took > kFileOpLogMs)
         SerialLog(eLogPerformance, "Player File op: %d mSec\r\n", static_cast<int>(took));
     RaiseTo(m_nMaxFileOpMs, took);
-    if (more == 0) {
-        const int now = GetState();
-        if (now != eStatePaused && now != eStateFileReady) {
-            SerialLog(eLogRuntime, "Files ran empty - Moving to draining\r\n");
-            // Only from a playing state: the callback may have just taken
-            // the module to Idle at the end of play.
-            int expected = now;
-            if (now == eStateRunning || now == eStateFastForward || now == eStateRewind)
-                m_nState.compare_exchange_strong(expected, eStateDraining, std::memory_order_acq_rel);
-        }
+    // Only from a playing state: the callback may have just taken the module
+    // to Idle at the end of play.
+    int now = GetState();
+    if (more == 0 && (now == eStateRunning || now == eStateFastForward || now == eStateRewind)) {
+        SerialLog(eLogRuntime, "Files ran empty - Moving to draining\r\n");
+        m_nState.compare_exchange_strong(now, eStateDraining, std::memory_order_acq_rel);
     }
 }
 
