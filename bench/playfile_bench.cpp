@@ -26,10 +26,7 @@ constexpr unsigned kPeriod = 1024;
 // Ten seconds of 8-channel float audio at the given rate.
 std::string MakeFile(unsigned rate)
 {
-    static char dir[] = "/tmp/zp_play_bench_XXXXXX";
-    static bool made = mkdtemp(dir) != nullptr;
-    (void)made;
-    std::string path = std::string(dir) + "/f" + std::to_string(rate) + ".wav";
+    std::string path = "/tmp/zp_play_bench_" + std::to_string(getpid()) + "_" + std::to_string(rate) + ".wav";
     SF_INFO info = SF_INFO();
     info.channels = kChannels;
     info.samplerate = static_cast<int>(rate);
