@@ -82,10 +82,7 @@ protected:
 
     static void WriteWav(const std::string& path, int seconds)
     {
-        SF_INFO info{};
-        info.samplerate = 48000;
-        info.channels = 1;
-        info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+        SF_INFO info{0, 48000, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
         SNDFILE* f = sf_open(path.c_str(), SFM_WRITE, &info);
         ASSERT_NE(f, nullptr) << path;
         std::vector<float> frames(48000u * seconds, 0.25f);
