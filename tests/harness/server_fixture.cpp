@@ -8,7 +8,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
+#include <filesystem>
 #include <fcntl.h>
 #include <fstream>
 #include <mqueue.h>
@@ -18,19 +18,6 @@
 #include <sys/wait.h>
 
 extern char** environ;
-
-namespace {
-
-int DecodeStatus(int status)
-{
-    if (WIFEXITED(status))
-        return WEXITSTATUS(status);
-    if (WIFSIGNALED(status))
-        return 128 + WTERMSIG(status);
-    return -1;
-}
-
-} // namespace
 
 ::testing::AssertionResult AnswersAndPrints(const ChildProcess& proc, int answer, int expected,
                                             const std::string& text, size_t mark)
@@ -50,26 +37,21 @@ bool FileExists(const std::string& path)
 
 namespace {
 
-// Names in a folder, without "." and "..", or false when it cannot be read.
+// Names in a folder, or false when it cannot be read.
 bool FolderEntries(const std::string& dir, std::vector<std::string>& names)
 {
-    DIR* d = opendir(dir.c_str());
-    if (!d)
-        return false;
+    std::error_code ec;
     names.clear();
-    while (dirent* e = readdir(d))
-        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
-            names.push_back(e->d_name);
-    closedir(d);
-    return true;
+    for (auto it = std::filesystem::directory_iterator(dir, ec); !ec && it != std::filesystem::directory_iterator();
+         it.increment(ec))
+        names.push_back(it->path().filename());
+    return !ec;
 }
 
 int ProcEntryCount(pid_t pid, const char* what)
 {
     std::vector<std::string> names;
-    if (!FolderEntries("/proc/" + std::to_string(pid) + "/" + what, names))
-        return -1;
-    return static_cast<int>(names.size());
+    return FolderEntries("/proc/" + std::to_string(pid) + "/" + what, names) ? static_cast<int>(names.size()) : -1;
 }
 
 } // namespace
@@ -126,27 +108,21 @@ bool ChildProcess::Start(const std::vector<std::string>& argv, const std::vector
     for (const std::string& a : argv)
         args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
-    std::vector<std::string> envStore;
-    for (char** e = environ; *e; ++e)
-        envStore.emplace_back(*e);
-    for (const std::string& e : env)
-        envStore.push_back(e);
     std::vector<char*> envp;
-    for (const std::string& e : envStore)
+    for (char** e = environ; *e; ++e)
+        envp.push_back(*e);
+    for (const std::string& e : env)
         envp.push_back(const_cast<char*>(e.c_str()));
     envp.push_back(nullptr);
 
-    int outPipe[2], errPipe[2];
-    if (pipe2(outPipe, O_CLOEXEC) != 0)
-        return false;
-    if (pipe2(errPipe, O_CLOEXEC) != 0) {
-        close(outPipe[0]);
-        close(outPipe[1]);
+    int outPipe[2] = {-1, -1}, errPipe[2] = {-1, -1}, inPipe[2] = {-1, -1};
+    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0 ||
+        (pipeInput && pipe2(inPipe, O_CLOEXEC) != 0)) {
+        for (int fd : {outPipe[0], outPipe[1], errPipe[0], errPipe[1], inPipe[0], inPipe[1]})
+            if (fd >= 0)
+                close(fd);
         return false;
     }
-    int inPipe[2] = {-1, -1};
-    if (pipeInput && pipe2(inPipe, O_CLOEXEC) != 0)
-        return false;
     pid_t pid = fork();
     if (pid < 0)
         return false;
@@ -241,7 +217,7 @@ int ChildProcess::WaitExit(int timeoutMs)
         timeoutMs);
     if (!done)
         return -1;
-    m_nExitStatus = DecodeStatus(status);
+    m_nExitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
     m_Pid = -1;
     if (m_Reader.joinable())
         m_Reader.join();
@@ -259,24 +235,6 @@ int ChildProcess::Terminate(int timeoutMs)
         status = WaitExit(10000);
     }
     return status;
-}
-
-std::string ChildProcess::Output() const
-{
-    std::lock_guard<std::mutex> lock(m_Lock);
-    return m_Out;
-}
-
-std::string ChildProcess::ErrorOutput() const
-{
-    std::lock_guard<std::mutex> lock(m_Lock);
-    return m_Err;
-}
-
-size_t ChildProcess::OutputSize() const
-{
-    std::lock_guard<std::mutex> lock(m_Lock);
-    return m_Out.size();
 }
 
 std::string ChildProcess::OutputSince(size_t mark) const

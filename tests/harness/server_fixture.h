@@ -36,11 +36,11 @@ public:
     // SIGTERM, then SIGKILL if it does not go within timeoutMs; the exit status.
     int Terminate(int timeoutMs = 5000);
 
-    std::string Output() const;
-    std::string ErrorOutput() const;
+    std::string Output() const { return Locked([&] { return m_Out; }); }
+    std::string ErrorOutput() const { return Locked([&] { return m_Err; }); }
     bool WaitForOutput(const std::string& text, int timeoutMs) const;
     // Output written after a mark taken with OutputSize().
-    size_t OutputSize() const;
+    size_t OutputSize() const { return Locked([&] { return m_Out.size(); }); }
     std::string OutputSince(size_t mark) const;
 
 protected:
@@ -49,6 +49,12 @@ protected:
 
 private:
     void ReadLoop(int outFD, int errFD);
+    template <typename Fn>
+    auto Locked(Fn fn) const -> decltype(fn())
+    {
+        std::lock_guard<std::mutex> lock(m_Lock);
+        return fn();
+    }
 
     int m_nExitStatus = -1;
     std::thread m_Reader;
