@@ -45,12 +45,18 @@ int RunOnce(ChildProcess& proc, const std::vector<std::string>& args, const std:
     return proc.WaitExit(20000);
 }
 
+sockaddr_un Address(const char* path)
+{
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    strcpy(addr.sun_path, path);
+    return addr;
+}
+
 // Sends a request to the server path from a socket of the test's own.
 bool SendFrom(int fd, const structZorPlayMsg& msg)
 {
-    sockaddr_un server{};
-    server.sun_family = AF_UNIX;
-    strcpy(server.sun_path, kServerSocketPath);
+    const sockaddr_un server = Address(kServerSocketPath);
     return sendto(fd, &msg, sizeof(msg), 0, reinterpret_cast<const sockaddr*>(&server), sizeof(server)) ==
            static_cast<ssize_t>(sizeof(msg));
 }
@@ -231,10 +237,8 @@ TEST_F(ServerSpine, AnswersGoToTheClientPathOnly)
     unlink(otherPath);
     const int other = socket(AF_UNIX, SOCK_DGRAM, 0);
     ASSERT_GE(other, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    strcpy(addr.sun_path, otherPath);
-    ASSERT_EQ(bind(other, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    const sockaddr_un addr = Address(otherPath);
+    ASSERT_EQ(bind(other, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)), 0);
     structZorPlayMsg req = m_Client.MakeRequest(eZorPlayRecorder, eCmdHello, 0), resp;
     ASSERT_TRUE(SendFrom(other, req));
     ASSERT_TRUE(m_Client.ReceiveAny(resp, 10000));
@@ -254,7 +258,7 @@ TEST_F(ServerSpine, AnswersGoToTheClientPathOnly)
     EXPECT_EQ(m_Client.Call(eZorPlayPlayer, eCmdHello, 0), eResultSuccess);
 }
 
-TEST_F(ServerSpine, ExitAnswersThenShutsDownCleanly)
+TEST_F(ServerSpine, ExitAndInterruptShutDownCleanly)
 {
     EXPECT_EQ(ReadFile(kPidFile), std::to_string(m_Server.Pid())) << "the pid file holds the bare process id";
     EXPECT_EQ(ReadFile(kVersionFile), "2.02");
@@ -263,16 +267,16 @@ TEST_F(ServerSpine, ExitAnswersThenShutsDownCleanly)
     if (err.find("setrlimit() failed") != std::string::npos) {
         EXPECT_NE(err.find("\nzor_play: going on with the current message queue limit"), std::string::npos) << err;
     }
-
+    // Exit is answered before the process ends.
     EXPECT_EQ(m_Client.Call(eZorPlayRecorder, eCmdExit, 0), eResultSuccess);
     EXPECT_EQ(m_Server.WaitExit(10000), 0);
     EXPECT_FALSE(FileExists(kPidFile));
     EXPECT_EQ(ReadFile(kVersionFile), "2.02");
     EXPECT_FALSE(FileExists(kServerSocketPath));
-}
 
-TEST_F(ServerSpine, InterruptWhileWaiting)
-{
+    // A leftover file at the socket path is replaced.
+    std::ofstream(kServerSocketPath) << "stale";
+    StartServer(ServerArgs());
     ASSERT_TRUE(m_Server.WaitUntilIdle(5000));
     m_Server.Signal(SIGINT);
     EXPECT_EQ(m_Server.WaitExit(10000), 0);
@@ -282,6 +286,15 @@ TEST_F(ServerSpine, InterruptWhileWaiting)
         << out;
     EXPECT_EQ(out.find("Signal Received"), std::string::npos) << "only logged in the creation category";
     EXPECT_FALSE(FileExists(kPidFile));
+
+    // A path that cannot be bound (a directory is not removed by unlink)
+    // stops the start-up with its line and status 1.
+    ASSERT_EQ(mkdir(kServerSocketPath, 0700), 0);
+    ASSERT_TRUE(m_Server.Start({}, s_pJack->Name()));
+    EXPECT_EQ(m_Server.WaitExit(10000), 1);
+    EXPECT_EQ(m_Server.Output(), "Can't bind unix socket '/tmp/recorder_unix_socket_server': Address already in use\n");
+    EXPECT_FALSE(FileExists(kPidFile));
+    rmdir(kServerSocketPath);
 }
 
 class Traces : public ServerSpine {
@@ -318,35 +331,4 @@ TEST_F(Traces, TogglesMessagingAndShutdownTraces)
     EXPECT_NE(out.find("   CREATION: ~Destructing RP server\r\n"), std::string::npos);
     EXPECT_NE(out.find("   CREATION: main Exiting.\r\n"), std::string::npos);
     EXPECT_EQ(out.find("JACK:"), std::string::npos) << "-lj twice leaves the category off";
-}
-
-// ---------------------------------------------------------------------------
-// Start-up against leftovers at the socket path
-
-TEST(SocketPath, LeftoverFileIsReplacedAndUnbindablePathFailsStartup)
-{
-    JackServer jack;
-    ASSERT_TRUE(jack.Start());
-    {
-        std::ofstream(kServerSocketPath) << "stale";
-        ZorPlayProcess server;
-        ASSERT_TRUE(server.Start({}, jack.Name()));
-        ProtocolClient client;
-        ASSERT_TRUE(client.Open());
-        ASSERT_TRUE(WaitUntil([&] { return client.Call(eZorPlayPlayer, eCmdHello, 0, nullptr, 0, 200) == 0; },
-                              10000));
-        EXPECT_EQ(server.Stop(), 0);
-    }
-    {
-        // A directory cannot be removed by unlink, so the bind fails.
-        unlink(kServerSocketPath);
-        ASSERT_EQ(mkdir(kServerSocketPath, 0700), 0);
-        ZorPlayProcess server;
-        ASSERT_TRUE(server.Start({}, jack.Name()));
-        EXPECT_EQ(server.WaitExit(10000), 1);
-        EXPECT_EQ(server.Output(),
-                  "Can't bind unix socket '/tmp/recorder_unix_socket_server': Address already in use\n");
-        EXPECT_FALSE(FileExists(kPidFile));
-        rmdir(kServerSocketPath);
-    }
 }
