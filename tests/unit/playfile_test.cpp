@@ -1,6 +1,7 @@
-// One play file slot on real files written through libsndfile: channel
-// mapping, the fast-wind step and its speed ramp, and the open diagnostics.
-// Seeks, conversion and the wind's bookkeeping are driven through the handler.
+// One play file slot on real files written through libsndfile: the fast-wind
+// step and its speed ramp, and the open diagnostics. Channel mapping is checked
+// at the ports end to end; seeks, conversion and the wind's bookkeeping through
+// the handler.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -62,34 +63,6 @@ protected:
 };
 
 } // namespace
-
-// Mono goes to every port, extra file channels are dropped, missing ones are
-// silent; one fill reads at most four periods into each region.
-TEST_F(PlayFile, ChannelsAreMappedOntoThePorts)
-{
-    const unsigned cases[][2] = {{2, 2}, {1, 4}, {3, 2}, {2, 4}, {200, 3}}; // file, port channels
-    for (const auto& k : cases) {
-        const unsigned fileCh = k[0], portCh = k[1], frames = 2500; // several slabs, not a whole number
-        SCOPED_TRACE(fileCh);
-        CPlayFile file(portCh, &m_Wind);
-        file.SetFilename(Write(fileCh, frames).c_str(), 0);
-        ASSERT_TRUE(file.OpenFile());
-        std::vector<float> out;
-        for (int r = 0; r != -1;) {
-            r = file.FillPlayBuffer();
-            ASSERT_LE(file.GetBufferP()->GetReadableFrames(), 2 * kFillPeriods * kPeriod);
-            const std::vector<float> step = Drain(file.GetBufferP(), portCh);
-            out.insert(out.end(), step.begin(), step.end());
-        }
-        EXPECT_TRUE(file.IsDone());
-        EXPECT_EQ(file.GetPortPosition(), frames);
-        ASSERT_EQ(out.size(), frames * portCh);
-        for (unsigned i = 0; i < out.size(); ++i) {
-            const unsigned f = i / portCh, c = i % portCh;
-            ASSERT_EQ(out[i], c < fileCh ? Ramp(f, c) : fileCh == 1 ? Ramp(f, 0) : 0.0f) << "frame " << f << " ch " << c;
-        }
-    }
-}
 
 // Each step moves 2 x speed periods, one of them heard; the speed rises by one
 // every 5 s of winding up to 16. Silent steps give a period of silence; a
