@@ -43,10 +43,8 @@ int JackCapture::Process(jack_nframes_t nframes, void* arg)
 {
     JackCapture* self = static_cast<JackCapture*>(arg);
     const size_t at = self->m_nFrames.load(std::memory_order_relaxed);
-    if (self->m_Data.empty() || at + nframes > self->m_Data[0].size()) {
-        self->m_bOverflow.store(true, std::memory_order_relaxed);
+    if (self->m_Data.empty() || at + nframes > self->m_Data[0].size())
         return 0;
-    }
     for (unsigned c = 0; c < self->Channels(); ++c)
         memcpy(self->m_Data[c].data() + at, jack_port_get_buffer(self->m_Ports[c], nframes), nframes * sizeof(float));
     self->m_nFrames.store(at + nframes, std::memory_order_release);

@@ -18,7 +18,7 @@ public:
     JackCapture& operator=(const JackCapture&) = delete;
 
     // Client "name" with input ports in1..in<channels>, room for capacity
-    // frames; recording stops (Overflowed) when they are used up.
+    // frames; recording stops when they are used up.
     bool Open(const std::string& server, const std::string& name, unsigned channels, size_t capacity);
     // Connects <source>1 .. <source><channels> (e.g. "Player000:output") to
     // the inputs in order.
@@ -26,7 +26,6 @@ public:
 
     unsigned Channels() const { return static_cast<unsigned>(m_Data.size()); }
     size_t Frames() const { return m_nFrames.load(std::memory_order_acquire); }
-    bool Overflowed() const { return m_bOverflow.load(std::memory_order_relaxed); }
     // Channel c of frame i; i below Frames().
     float Sample(unsigned c, size_t i) const { return m_Data[c][i]; }
 
@@ -38,5 +37,4 @@ private:
     std::vector<jack_port_t*> m_Ports;
     std::vector<std::vector<float>> m_Data; // written by the callback only
     std::atomic<size_t> m_nFrames{0};       // written by the callback only
-    std::atomic<bool> m_bOverflow{false};
 };
