@@ -19,10 +19,12 @@ public:
     std::vector<std::string> Ports(const std::string& pattern, unsigned long flags = 0) const;
     // Full names of the ports connected to one port.
     std::vector<std::string> Connections(const std::string& port) const;
-    bool HasClient(const std::string& clientName) const;
 
 private:
     jack_client_t* Connect() const;
+    // Runs query on a client opened for it; Result() when none can be opened.
+    template <typename Result, typename Query>
+    Result Ask(Query query) const;
 
     std::string m_ServerName;
 };

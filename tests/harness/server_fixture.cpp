@@ -283,13 +283,8 @@ std::string ZorPlayProcess::BinaryPath()
     if (const char* path = getenv("ZOR_PLAY_BIN"))
         return path;
     // Run by hand from the build tree: the binary sits one folder above the tests.
-    char self[4096];
-    ssize_t len = readlink("/proc/self/exe", self, sizeof(self) - 1);
-    if (len <= 0)
-        return "zor_play";
-    std::string dir(self, static_cast<size_t>(len));
-    dir = dir.substr(0, dir.rfind('/'));
-    return dir.substr(0, dir.rfind('/')) + "/zor_play";
+    std::error_code ec;
+    return std::filesystem::read_symlink("/proc/self/exe", ec).parent_path().parent_path() / "zor_play";
 }
 
 bool ZorPlayProcess::Start(const std::vector<std::string>& args, const std::string& jackServerName, bool pipeInput)
