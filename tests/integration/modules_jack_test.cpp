@@ -25,34 +25,19 @@ Names Sorted(Names names)
     return names;
 }
 
-// Sets the system's limit on messages per queue for its lifetime and puts
-// the old value back, also when the test fails half-way.
-class QueueDepthLimit {
-public:
-    explicit QueueDepthLimit(unsigned limit) : m_nSaved(Read()) { m_bSet = m_nSaved != 0 && Write(limit); }
-    ~QueueDepthLimit()
-    {
-        if (m_bSet)
-            Write(m_nSaved);
-    }
-    bool IsSet() const { return m_bSet; }
-
-private:
-    static unsigned Read()
-    {
-        unsigned v = 0;
-        std::ifstream("/proc/sys/fs/mqueue/msg_max") >> v;
-        return v;
-    }
-    static bool Write(unsigned v)
-    {
-        std::ofstream("/proc/sys/fs/mqueue/msg_max") << v;
-        return Read() == v;
-    }
-
-    unsigned m_nSaved;
-    bool m_bSet = false;
-};
+// The system's limit on messages per queue: Depth() reads it, Depth(v)
+// writes it and tells whether it took.
+unsigned Depth()
+{
+    unsigned v = 0;
+    std::ifstream("/proc/sys/fs/mqueue/msg_max") >> v;
+    return v;
+}
+bool Depth(unsigned v)
+{
+    std::ofstream("/proc/sys/fs/mqueue/msg_max") << v;
+    return Depth() == v;
+}
 
 // Each test brings up its own dummy server with the port counts it needs,
 // and zor_play against it.
@@ -184,13 +169,11 @@ TEST_F(ModulesOnTheirOwnServer, FailedCreationsLeaveNoThreadDescriptorClientOrQu
 
     // A queue depth limit below 200 fails at the internal queue, with two
     // queues open already.
-    int answer = -1;
-    {
-        QueueDepthLimit limit(10);
-        if (!limit.IsSet())
-            GTEST_SKIP() << "/proc/sys/fs/mqueue/msg_max cannot be lowered here";
-        answer = Create(kPlay, 4, 2, 0);
-    }
+    const unsigned saved = Depth();
+    if (saved == 0 || !Depth(10))
+        GTEST_SKIP() << "/proc/sys/fs/mqueue/msg_max cannot be lowered here";
+    const int answer = Create(kPlay, 4, 2, 0);
+    ASSERT_TRUE(Depth(saved)) << "could not put back msg_max " << saved;
     EXPECT_EQ(answer, eResultNoMsgQueue);
     EXPECT_TRUE(m_Server.WaitForOutput("Couldn't create queue named /MQInternalPlayer-4: err: 22 Invalid argument\r\n"
                                        "Is /proc/sys/fs/mqueue/msg_max large enough?\r\n",
