@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -65,8 +66,8 @@ protected:
 } // namespace
 
 // Each step moves 2 x speed periods, one of them heard; the speed rises by one
-// every 5 s of winding up to 16. Silent steps give a period of silence; a
-// rewind stops at the start, a fast forward off the end finishes the file.
+// every 5 s of winding up to 16. A rewind stops at the start. Silent winds and
+// winds off the end are checked at the ports.
 TEST_F(PlayFile, FastWindStepsAtARisingSpeed)
 {
     CPlayFile file(1, &m_Wind);
@@ -86,26 +87,15 @@ TEST_F(PlayFile, FastWindStepsAtARisingSpeed)
     }
 
     ASSERT_TRUE(file.SeekToAbsTime(0));
-    m_Wind.m_nStartSeconds = MonotonicSeconds();
-    m_Wind.m_bSilent = true;
-    EXPECT_EQ(file.FillPlayBuffer(), 0);
-    EXPECT_EQ(Drain(buf, 1), std::vector<float>(kPeriod, 0.0f));
-    m_Wind.m_bSilent = m_Wind.m_bForward = false;
+    m_Wind.m_bForward = false;
     EXPECT_EQ(file.FillPlayBuffer(), static_cast<int>(kPeriod));
-    EXPECT_EQ(Drain(buf, 1)[0], Ramp(0, 0));
-    m_Wind.m_bForward = true;
-    int r = 0;
-    for (int i = 0; i < 200 && r != -1; ++i, Drain(buf, 1))
-        r = file.FillPlayBuffer();
-    EXPECT_TRUE(r == -1 && file.IsDone());
+    EXPECT_EQ(Drain(buf, 1)[0], Ramp(0, 0)) << "a rewind into the start plays on from there";
 }
 
 TEST_F(PlayFile, OpenDiagnosticsAndOddFiles)
 {
     const std::string text = m_Dir + "/notsound.wav";
-    FILE* f = fopen(text.c_str(), "w");
-    fputs("this is not audio\n", f);
-    fclose(f);
+    std::ofstream(text) << "this is not audio\n";
     const std::string cases[][2] = {
         {text, "Couldn't open file: " + text + ": Format not recognised.\r\n"},
         {Write(2, 10, SF_FORMAT_WAV | SF_FORMAT_DOUBLE), "Unknown file WAV subtype 0x0007.\r\n"},
