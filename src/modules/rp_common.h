@@ -143,6 +143,10 @@ protected:
     static void RaiseTo(std::atomic<uint32_t>& word, uint32_t v);
     // The statistics of a new file: peak, xruns and timing maxima cleared.
     void ClearStatistics();
+    // File-done and rolled events the callback could not post, and failed
+    // posts of service tokens (with the errno of the last), turned into their
+    // messages and lines by the worker once the internal queue is empty.
+    void DrainLostEvents();
 
     // Main thread (destructors): tells the worker to leave and joins it.
     void StopWorker();
@@ -224,10 +228,6 @@ private:
     // Receives a payload of exactly nSize bytes into buffer; prints
     // pBadSizeLine on any other length.
     bool ReceivePayload(char* buffer, long nSize, const char* pBadSizeLine);
-    // File-done and rolled events the callback could not post, and failed
-    // posts of service tokens (with the errno of the last), turned into their
-    // messages and lines by the worker once the internal queue is empty.
-    void DrainLostEvents();
     enumZorPlayResult Exchange(eRPCommandToken token, void* pPayload, unsigned nLen);
 
     // Set by the worker as it leaves its loop; the main thread then stops

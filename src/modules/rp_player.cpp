@@ -200,8 +200,9 @@ enumZorPlayResult CPlayer::DoSetupPlaylist(structSetupPlaylist* pSetup)
 // Completion and roll-over events the callback posted before a set-up are
 // reported before the set-up changes the files, so that none is applied to
 // the files it stages. With the callback parked, every event of the cycles
-// before is in the queue; pending service requests are dropped (the next
-// cycle posts one).
+// before is in the queue, or was counted as lost when the queue was full and
+// comes after it; pending service requests are dropped (the next cycle posts
+// one).
 void CPlayer::SettleRTEvents()
 {
     CRTGatePark park(m_PlayFileHandler.GetRTGate());
@@ -214,6 +215,7 @@ void CPlayer::SettleRTEvents()
             SendMsg();
         }
     }
+    DrainLostEvents();
 }
 
 // Opens and reads the new file at once rather than on the next period's
