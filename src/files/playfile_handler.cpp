@@ -346,10 +346,15 @@ int CPlayFileHandler::FastWind(bool bEngage, bool bForward, bool bSilent)
     CRTGatePark park(m_Gate);
     SerialLog(eLogInteractive, "%s - %s - %s\r\n", bForward ? "Fast Forward" : "Rewind",
               bEngage ? "Engage" : "Disengage", bSilent ? "Silent" : "Audible");
-    ReadFromPortSlot();
+    // A port file that has played out (to its end, or stopped) stays so: no
+    // wind brings it back, and the ports roll on to the next file or halt.
     CPlayFile* port = PortFile();
-    port->SeekToPortTime();
-    port->ClearBuffers();
+    const bool bPlayedOut = port->IsDone();
+    if (!bPlayedOut) {
+        ReadFromPortSlot();
+        port->SeekToPortTime();
+        port->ClearBuffers();
+    }
     if (bEngage) {
         if (!m_pFastWind->m_bEngaged)
             m_pFastWind->m_bSilent = bSilent;
@@ -367,7 +372,8 @@ int CPlayFileHandler::FastWind(bool bEngage, bool bForward, bool bSilent)
     for (unsigned i = Next(m_nPortPlayingIndex.load(std::memory_order_relaxed)); i != stage; i = Next(i))
         if (m_pFiles[i]->IsOpen())
             m_pFiles[i]->ResetPosition();
-    port->FillPlayBuffer();
+    if (!bPlayedOut)
+        port->FillPlayBuffer();
     return 0;
 }
 
