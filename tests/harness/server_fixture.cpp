@@ -19,16 +19,6 @@
 
 extern char** environ;
 
-::testing::AssertionResult AnswersAndPrints(const ChildProcess& proc, int answer, int expected,
-                                            const std::string& text, size_t mark)
-{
-    if (answer != expected)
-        return ::testing::AssertionFailure() << "answer " << answer << ", expected " << expected;
-    if (!WaitUntil([&] { return proc.OutputSince(mark).find(text) != std::string::npos; }, 5000))
-        return ::testing::AssertionFailure() << "no \"" << text << "\" in:\n" << proc.OutputSince(mark);
-    return ::testing::AssertionSuccess();
-}
-
 bool FileExists(const std::string& path)
 {
     struct stat st;

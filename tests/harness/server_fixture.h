@@ -107,11 +107,6 @@ bool WaitUntil(Cond cond, int timeoutMs)
     }
 }
 
-// A request's answer is the expected one and the process printed text after
-// the output mark (waiting up to 5 s for it).
-::testing::AssertionResult AnswersAndPrints(const ChildProcess& proc, int answer, int expected,
-                                            const std::string& text, size_t mark);
-
 bool FileExists(const std::string& path);
 
 // Threads and open descriptors of a process (entries of /proc/<pid>/task
@@ -151,7 +146,12 @@ protected:
     ::testing::AssertionResult Prints(Request request, int expected, const std::string& text)
     {
         const size_t mark = m_Server.OutputSize();
-        return AnswersAndPrints(m_Server, request(), expected, text, mark);
+        const int answer = request();
+        if (answer != expected)
+            return ::testing::AssertionFailure() << "answer " << answer << ", expected " << expected;
+        if (!WaitUntil([&] { return m_Server.OutputSince(mark).find(text) != std::string::npos; }, 5000))
+            return ::testing::AssertionFailure() << "no \"" << text << "\" in:\n" << m_Server.OutputSince(mark);
+        return ::testing::AssertionSuccess();
     }
 
     static std::unique_ptr<JackServer> s_pJack;
