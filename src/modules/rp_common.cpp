@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <sys/select.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
@@ -755,6 +756,14 @@ bool CRPBase::ActivateJack()
     return true;
 }
 
+unsigned CRPBase::CountConnectedPorts() const
+{
+    unsigned connected = 0;
+    for (unsigned i = 0; i < m_nChannels; ++i)
+        connected += jack_port_connected(m_pPorts[i]) ? 1 : 0;
+    return connected;
+}
+
 bool CRPBase::ConnectPorts()
 {
     if (g_nNoConnect) {
@@ -775,6 +784,13 @@ bool CRPBase::ConnectPorts()
             return false;
         }
     }
+    // A connection reaches the client's view of the graph only when the
+    // server switches graph states, normally before jack_connect returns but
+    // at the next cycle when that switch was deferred; allow the graph a few
+    // periods (at most 250 ms) to show every connection before calling the
+    // check failed.
+    for (int tries = 0; tries < 50 && CountConnectedPorts() != m_nChannels; ++tries)
+        usleep(5000);
     unsigned connected = 0;
     for (unsigned i = 0; i < m_nChannels; ++i) {
         if (jack_port_connected(m_pPorts[i])) {

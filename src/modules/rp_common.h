@@ -170,6 +170,7 @@ protected:
     bool CreateClientPorts();
     bool ActivateJack();
     bool ConnectPorts();
+    unsigned CountConnectedPorts() const; // own ports JACK shows as connected
     bool CloseJack();
 
     // Initialize() in pieces, so that the queues and the worker can also be

@@ -145,7 +145,9 @@ TEST_F(ModuleEngine, ManyCreateDeleteCyclesLeaveNothingBehind)
     const int fds = DescriptorCount(pid);
     for (int i = 0; i < 200; ++i) {
         const enumZorPlayType type = i % 2 ? kPlay : kRec;
-        ASSERT_EQ(Create(type, i % 7, 2, i % 7), eResultSuccess) << "cycle " << i;
+        const size_t mark = m_Server.OutputSize();
+        ASSERT_EQ(Create(type, i % 7, 2, i % 7), eResultSuccess) << "cycle " << i << ":\n"
+                                                                 << m_Server.OutputSince(mark);
         ASSERT_EQ(Cmd(type, eCmdDelete, i % 7), eResultSuccess) << "cycle " << i;
     }
     EXPECT_TRUE(WaitUntil([&] { return ThreadCount(pid) == threads; }, 5000))
