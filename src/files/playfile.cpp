@@ -222,8 +222,9 @@ int CPlayFile::FillBufferFromFile(CZPBuffer* dst)
 {
     const unsigned period = g_nBufferSizeFrames.load(std::memory_order_relaxed);
     unsigned allowed = kFillPeriods * period;
+    const bool winding = m_pFastWind && m_pFastWind->m_bEngaged;
 
-    if (m_pFastWind && m_pFastWind->m_bEngaged) {
+    if (winding) {
         // The callback may be reading the play buffer, so a wind step never
         // resets it: a step is taken only once less than one period is left
         // to play, which keeps the ports at most a period behind the wind.
@@ -258,9 +259,13 @@ int CPlayFile::FillBufferFromFile(CZPBuffer* dst)
         return 0;
     const unsigned first = SlabRead(info.m_pFirst, std::min(allowed, info.m_nFirstFrames));
     dst->WriteAdvance(first);
+    // Normal play may take its bound into each region. A wind step is heard
+    // for exactly one period, so its bound covers both regions together: the
+    // split of the free space only decides where the frames go.
+    const unsigned secondAllowed = winding ? allowed - first : allowed;
     unsigned second = 0;
-    if (first == info.m_nFirstFrames && info.m_nSecondFrames > 0) {
-        second = SlabRead(info.m_pSecond, std::min(allowed, info.m_nSecondFrames));
+    if (first == info.m_nFirstFrames && info.m_nSecondFrames > 0 && secondAllowed > 0) {
+        second = SlabRead(info.m_pSecond, std::min(secondAllowed, info.m_nSecondFrames));
         dst->WriteAdvance(second);
     }
     if (first + second == 0) {
