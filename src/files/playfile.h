@@ -68,9 +68,6 @@ public:
     int FillBufferFromFile(CZPBuffer* dst);
     int FillPlayBuffer();
     unsigned GetRTBufLen() const;
-    unsigned GetFramesRead() const { return m_nFramesRead.load(std::memory_order_relaxed); }
-    bool IsConverting() const { return m_bSRC; }
-    bool IsChannelMapped() const { return m_bChannelMap; }
     void DoDisplayDebug(bool verbose) const;
 
     // Real-time thread and worker.

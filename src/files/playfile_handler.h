@@ -23,7 +23,7 @@
 #include "files/file_handler.h"
 #include "files/playfile.h"
 #include "files/playlist.h"
-#include "files/rt_gate.h"
+#include "modules/rt_gate.h"
 
 constexpr unsigned kPlaySlots = 5;
 

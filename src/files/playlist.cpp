@@ -121,12 +121,6 @@ bool CPlaylist::GetNextPath(char* buf, unsigned& index)
     return true;
 }
 
-bool CPlaylist::ValidateSkip(bool bRelative, int nSkip) const
-{
-    long target = static_cast<long>(nSkip) + (bRelative ? static_cast<long>(m_nActiveIndex) : 0L);
-    return target >= 0 && target < static_cast<long>(m_nLength);
-}
-
 void CPlaylist::Skip(bool bRelative, int nSkip)
 {
     SerialLog(eLogInteractive, "SKIP: Relative:%d value:%d\r\n", bRelative ? 1 : 0, nSkip);

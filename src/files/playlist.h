@@ -27,14 +27,12 @@ public:
     bool IndexPlaylist();
     // The next entry's path into buf (kPlaylistLineSize bytes) and its number.
     bool GetNextPath(char* buf, unsigned& index);
-    bool ValidateSkip(bool bRelative, int nSkip) const;
     void Skip(bool bRelative, int nSkip);
     void DisplayDebug() const;
     bool IsActive() const { return m_pFile != nullptr; }
 
     unsigned GetLength() const { return m_nLength; }
     unsigned GetActiveIndex() const { return m_nActiveIndex; }
-    const char* GetPath() const { return m_szPlaylistPath; }
 
 private:
     void CloseFile();

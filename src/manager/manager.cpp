@@ -55,13 +55,6 @@ CRPBase** CRPManager::TypeToArray(enumZorPlayType eType)
     return eType == eZorPlayPlayer ? m_pPlayers : m_pRecorders;
 }
 
-CRPBase* CRPManager::GetModulePtr(enumZorPlayType eType, int slot)
-{
-    if (static_cast<uint32_t>(eType) > eZorPlayPlayer || slot < 0 || slot >= kMaxModuleSlots)
-        return nullptr;
-    return TypeToArray(eType)[slot];
-}
-
 enumZorPlayResult CRPManager::ValidateType(enumZorPlayType eType)
 {
     if (static_cast<uint32_t>(eType) > eZorPlayPlayer) {

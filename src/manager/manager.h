@@ -36,7 +36,6 @@ public:
     void GatherStatus();
 
     CRPBase** TypeToArray(enumZorPlayType eType);
-    CRPBase* GetModulePtr(enumZorPlayType eType, int slot);
     enumZorPlayResult ValidateType(enumZorPlayType eType);
     enumZorPlayResult ValidateSlotIndex(enumZorPlayType eType, int slot);
     enumZorPlayResult ValidateSlot(enumZorPlayType eType, int slot);

@@ -7,7 +7,7 @@
 #include "app/globals.h"
 #include "app/info_files.h"
 #include "app/logging.h"
-#include "modules/rp_common.h"
+#include "modules/rp_player.h"
 #include "protocol/rp_server.h"
 
 namespace {
@@ -20,29 +20,8 @@ constexpr uint32_t kFileOpLogMs = 6;
 } // namespace
 
 CPlayer::CPlayer(const char* pNameBase, int nSlot, int nChannels, int nOffset, CRPServer* pServer)
-    : CRPBase(pNameBase, nSlot, nChannels, nOffset, false, pServer), m_PlayFileHandler(nChannels)
+    : CRPBase(pNameBase, nSlot, nChannels, nOffset, false, pServer, &m_PlayFileHandler), m_PlayFileHandler(nChannels)
 {
-    m_pFileHandler = &m_PlayFileHandler;
-}
-
-CPlayer::~CPlayer()
-{
-    StopWorker();
-    DeactivateJack();
-}
-
-int CPlayer::ProcessStatic(jack_nframes_t nframes, void* arg)
-{
-    return static_cast<CPlayer*>(arg)->ProcessMember(nframes);
-}
-
-bool CPlayer::InstallCallbacks()
-{
-    if (jack_set_process_callback(m_pJackClient, ProcessStatic, this) != 0) {
-        printf("%s: Can't install process callback\r\n", "InstallCallbacks");
-        return false;
-    }
-    return true;
 }
 
 void CPlayer::StuffSilence(float** pBuffers, unsigned placed, unsigned nframes)

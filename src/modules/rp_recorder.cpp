@@ -6,7 +6,7 @@
 #include "app/info_files.h"
 #include "app/logging.h"
 #include "audio/zp_buffer.h"
-#include "modules/rp_common.h"
+#include "modules/rp_recorder.h"
 #include "protocol/rp_server.h"
 
 namespace {
@@ -19,30 +19,8 @@ constexpr uint32_t kFileOpLogMs = 7;
 } // namespace
 
 CRecorder::CRecorder(const char* pNameBase, int nSlot, int nChannels, int nOffset, CRPServer* pServer)
-    : CRPBase(pNameBase, nSlot, nChannels, nOffset, true, pServer), m_RecFileHandler(nChannels)
+    : CRPBase(pNameBase, nSlot, nChannels, nOffset, true, pServer, &m_RecFileHandler), m_RecFileHandler(nChannels)
 {
-    m_pFileHandler = &m_RecFileHandler;
-}
-
-CRecorder::~CRecorder()
-{
-    StopWorker();
-    DeactivateJack();
-}
-
-int CRecorder::ProcessStatic(jack_nframes_t nframes, void* arg)
-{
-    return static_cast<CRecorder*>(arg)->ProcessMember(nframes);
-}
-
-bool CRecorder::InstallCallbacks()
-{
-    SerialLog(eLogCreation, "Installing REC callbacks\r\n");
-    if (jack_set_process_callback(m_pJackClient, ProcessStatic, this) != 0) {
-        printf("%s: Can't install process callback\r\n", "InstallCallbacks");
-        return false;
-    }
-    return true;
 }
 
 int CRecorder::ProcessMember(unsigned int nframes)

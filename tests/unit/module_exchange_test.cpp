@@ -20,9 +20,8 @@ namespace {
 class CExchangeModule : public CRPBase {
 public:
     explicit CExchangeModule(CRPServer* server)
-        : CRPBase("ExchangeTest", 0, 1, 0, true, server), m_Handler(1)
+        : CRPBase("ExchangeTest", 0, 1, 0, true, server, &m_Handler), m_Handler(1)
     {
-        m_pFileHandler = &m_Handler;
     }
     ~CExchangeModule() override { StopWorker(); }
 
@@ -65,7 +64,6 @@ protected:
         m_nCompletions.fetch_add(1);
         PrepareMessage(&m_CompletionMsg, eCmdFileCompletion);
     }
-    bool InstallCallbacks() override { return true; }
 
 private:
     CRecFileHandler m_Handler;

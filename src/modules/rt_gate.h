@@ -62,7 +62,6 @@ public:
         if (--m_nDepth == 0)
             m_nParked.store(0);
     }
-    bool IsParked() const { return m_nParked.load() != 0; }
 
 private:
     std::atomic<uint32_t> m_nParked{0}; // written by the worker
