@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <jack/jack.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <unistd.h>
@@ -129,6 +130,27 @@ bool RaiseQueueLimit(const char* progName)
     return true;
 }
 
+// Everything the process maps, now and later, is locked into memory, so that
+// no page the real-time callbacks touch can be paged out and faulted back in
+// on their thread. Without the privilege the server goes on unlocked.
+// Sanitizer builds skip it: their shadow memory spans terabytes of reserved
+// address space, and a privileged process would try to lock all of it.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define ZP_SKIP_MEMORY_LOCK 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define ZP_SKIP_MEMORY_LOCK 1
+#endif
+#endif
+
+void LockMemory()
+{
+#ifndef ZP_SKIP_MEMORY_LOCK
+    if (mlockall(MCL_CURRENT | MCL_FUTURE) != 0)
+        printf("Memory not locked, mlockall failed: %s\r\n", strerror(errno));
+#endif
+}
+
 void finish(int signal)
 {
     SerialLog(eLogCreation, "Signal Received: %d\r\n", signal);
@@ -206,6 +228,7 @@ int main(int argc, char** argv)
         return 0;
     if (!RaiseQueueLimit(progName))
         return 1;
+    LockMemory();
     signal(SIGINT, finish);
     PublishInfoFiles();
 

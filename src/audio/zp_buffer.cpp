@@ -3,6 +3,9 @@
 #include "audio/zp_buffer.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <sys/mman.h>
 
 // A cursor must be one plain word on every target, ARMv7 included.
@@ -15,8 +18,11 @@ CZPBuffer::CZPBuffer(unsigned channels, unsigned frames)
       m_nReadIndex(0),
       m_pData(new float[m_nTotalSamples]())
 {
-    // Best effort: beyond the locked-memory limit the buffer works unlocked.
-    (void)mlock(m_pData, sizeof(float) * m_nTotalSamples);
+    // Beyond the locked-memory limit the buffer works unlocked; the first
+    // failure in the process is reported, later ones would only repeat it.
+    static std::atomic<bool> s_bLockFailureReported{false};
+    if (mlock(m_pData, sizeof(float) * m_nTotalSamples) != 0 && !s_bLockFailureReported.exchange(true))
+        printf("Ring buffer not locked in memory, mlock failed: %s\r\n", strerror(errno));
 }
 
 CZPBuffer::~CZPBuffer()
