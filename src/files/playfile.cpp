@@ -269,6 +269,11 @@ int CPlayFile::FillBufferFromFile(CZPBuffer* dst)
         dst->WriteAdvance(second);
     }
     if (first + second == 0) {
+        // A read error, or a file that shrank while it played, ends the file
+        // here as its end would; the next staged file plays. An error is
+        // named once, since the file may have held more.
+        if (!m_bDone.load(std::memory_order_relaxed) && sf_error(m_pSndFile) == SF_ERR_SYSTEM)
+            printf("Player couldn't read %s: %s\r\n", m_szFilename, sf_strerror(m_pSndFile));
         m_bDone.store(true, std::memory_order_release);
         return -1;
     }

@@ -2,7 +2,10 @@
 // the recorder's ring buffer into them, and roll-over to prepared names.
 #include "files/recfile_handler.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -215,7 +218,8 @@ bool CRecFileHandler::OpenFile()
 
     m_nMaxFrames = m_nMaxLenFrames;
     m_nFramesWritten = 0;
-    m_bShortWriteReported = false;
+    m_nRefreshedFrames = 0;
+    m_bWriteFailed = false;
     SerialLog(eLogFile, "Open max len: %d (0x%x)\r\n", static_cast<int>(m_nMaxFrames), m_nMaxFrames);
 
     // Made once, at the first open, and kept for every later file.
@@ -292,11 +296,42 @@ int CRecFileHandler::DrainBufferToFile(CZPBuffer* pBuffer, bool bRunning)
             bFull = true;
         }
 
+        // The headers are refreshed at every whole second of audio written,
+        // so a backlog is written a second at a time with a refresh after
+        // each. Stopping short of the room defers the full-file step to the
+        // next pass, which finds the smaller room; the frames written, and so
+        // the roll-over frame, stay the same.
+        const uint32_t nToRefresh = RefreshSpacing() - (m_nFramesWritten - m_nRefreshedFrames);
+        bool bMore = false;
+        if (nFirst + nSecond > nToRefresh) {
+            if (nFirst >= nToRefresh) {
+                nFirst = nToRefresh;
+                nSecond = 0;
+            } else {
+                nSecond = nToRefresh - nFirst;
+            }
+            bFull = false;
+            bMore = true;
+        }
+
         if (m_bInterleaved)
             m_nFramesWritten += WriteInterleaved(pBuffer, info, nFirst, nSecond);
         else
             m_nFramesWritten += WriteMultiMono(pBuffer, nFirst + nSecond);
+        if (!m_bWriteFailed && m_nFramesWritten - m_nRefreshedFrames >= RefreshSpacing())
+            RefreshHeaders();
 
+        if (m_bWriteFailed) {
+            // The recording ends as at a length limit: the headers cover what
+            // the files took, and what is still buffered is dropped by the
+            // reading side (the callback may be writing until the recorder
+            // leaves Running).
+            CloseFile();
+            DiscardBuffered();
+            return eServiceStopped;
+        }
+        if (bMore)
+            continue;
         if (!bFull)
             return nResult;
 
@@ -313,6 +348,36 @@ int CRecFileHandler::DrainBufferToFile(CZPBuffer* pBuffer, bool bRunning)
     }
 }
 
+uint32_t CRecFileHandler::RefreshSpacing() const
+{
+    return m_sfInfo.samplerate > 0 ? static_cast<uint32_t>(m_sfInfo.samplerate) : 48000u;
+}
+
+void CRecFileHandler::RefreshHeaders()
+{
+    // Data first, then the header that claims it, so a header that reaches
+    // the storage never covers audio that has not; the second sync pushes the
+    // header itself. A crash or power cut then loses at most the second
+    // written since the last refresh (and what was still buffered).
+    m_nRefreshedFrames = m_nFramesWritten;
+    for (unsigned i = 0; i < kRecMaxChannels; ++i) {
+        SNDFILE* pFile = m_pSndFiles[i];
+        if (pFile == nullptr)
+            continue;
+        sf_write_sync(pFile);
+        sf_command(pFile, SFC_UPDATE_HEADER_NOW, nullptr, 0);
+        sf_write_sync(pFile);
+        if (sf_error(pFile) != SF_ERR_NO_ERROR) {
+            ReportWriteFailure(i, sf_strerror(pFile));
+        } else if (access(m_szPrimaryNames[i], F_OK) != 0 && errno == ENOENT) {
+            // Writes to a file removed from its folder (or with its folder)
+            // still succeed, and all of it would vanish at the close: the
+            // recording ends here instead, so the client learns of it.
+            ReportWriteFailure(i, strerror(ENOENT));
+        }
+    }
+}
+
 uint32_t CRecFileHandler::WriteInterleaved(CZPBuffer* pBuffer, const CBufInfo& info, uint32_t nFirst,
                                            uint32_t nSecond)
 {
@@ -322,12 +387,12 @@ uint32_t CRecFileHandler::WriteInterleaved(CZPBuffer* pBuffer, const CBufInfo& i
     for (unsigned k = 0; k < 2; ++k) {
         if (nFrames[k] == 0)
             continue;
-        // Straight from the ring buffer's memory. Frames libsndfile could
-        // not take are lost with the read; only those it took are counted.
-        sf_count_t nDone = sf_writef_float(m_pSndFiles[0], pRegions[k], nFrames[k]);
+        // Straight from the ring buffer's memory. Only the frames libsndfile
+        // took are counted; after a short write nothing more is tried.
+        const sf_count_t nDone = m_bWriteFailed ? 0 : sf_writef_float(m_pSndFiles[0], pRegions[k], nFrames[k]);
         pBuffer->ReadAdvance(nFrames[k]);
-        if (nDone < static_cast<sf_count_t>(nFrames[k]))
-            ReportShortWrite(0);
+        if (!m_bWriteFailed && nDone < static_cast<sf_count_t>(nFrames[k]))
+            ReportWriteFailure(0, sf_strerror(m_pSndFiles[0]));
         if (nDone > 0)
             nWritten += static_cast<uint32_t>(nDone);
     }
@@ -345,24 +410,29 @@ uint32_t CRecFileHandler::WriteMultiMono(CZPBuffer* pBuffer, uint32_t nTotal)
         for (uint32_t f = 0; f < nBlock; ++f)
             for (unsigned c = 0; c < nChannels; ++c)
                 rows[c][f] = pBuffer->ReadSingle();
+        // Every channel gets the block even after another's write fell
+        // short, so the files of the set end within one block of each other.
         for (unsigned c = 0; c < nChannels; ++c) {
-            sf_count_t nDone = sf_write_float(m_pSndFiles[c], rows[c], nBlock);
+            const sf_count_t nDone = sf_write_float(m_pSndFiles[c], rows[c], nBlock);
             if (nDone < static_cast<sf_count_t>(nBlock))
-                ReportShortWrite(c);
+                ReportWriteFailure(c, sf_strerror(m_pSndFiles[c]));
             if (c == 0 && nDone > 0)
                 nWritten += static_cast<uint32_t>(nDone);
         }
         nTotal -= nBlock;
+        // The rest is dropped with the recording's end.
+        if (m_bWriteFailed)
+            break;
     }
     return nWritten;
 }
 
-void CRecFileHandler::ReportShortWrite(unsigned nSlot)
+void CRecFileHandler::ReportWriteFailure(unsigned nSlot, const char* pReason)
 {
-    if (m_bShortWriteReported)
+    if (m_bWriteFailed)
         return;
-    m_bShortWriteReported = true;
-    printf("Recorder write to %s fell short: %s\r\n", m_szPrimaryNames[nSlot], sf_strerror(m_pSndFiles[nSlot]));
+    m_bWriteFailed = true;
+    printf("Recorder write to %s fell short: %s\r\n", m_szPrimaryNames[nSlot], pReason);
 }
 
 int CRecFileHandler::PrepNextFiles()

@@ -85,8 +85,14 @@ private:
     // Writes the taken frames of one buffer; returns frames written to file 0.
     uint32_t WriteInterleaved(CZPBuffer* pBuffer, const CBufInfo& info, uint32_t nFirst, uint32_t nSecond);
     uint32_t WriteMultiMono(CZPBuffer* pBuffer, uint32_t nTotal);
-    // One line per file set when libsndfile writes fewer frames than asked.
-    void ReportShortWrite(unsigned nSlot);
+    // Marks the open set as failed, with one line naming the file and why;
+    // the drain then ends the recording.
+    void ReportWriteFailure(unsigned nSlot, const char* pReason);
+    // Frames of audio between two header refreshes: one second at the file rate.
+    uint32_t RefreshSpacing() const;
+    // Pushes the data of every open file to the storage, then rewrites each
+    // header to cover it, then pushes the headers.
+    void RefreshHeaders();
 
     unsigned m_nChannels;
     bool m_bInterleaved = true;
@@ -107,7 +113,10 @@ private:
     SF_INFO m_sfInfo;
     CZPBuffer* m_pRTBuffer = nullptr;
     CZPBuffer* m_pSRCBuffer = nullptr;
-    // Set at the first short write of the open set, so a full disk prints
-    // one line per file set rather than one per service.
-    bool m_bShortWriteReported = false;
+    // Frames of the open set that the headers covered at the last refresh.
+    uint32_t m_nRefreshedFrames = 0;
+    // Set when a file of the open set could not take everything written to
+    // it (full disk, I/O error) or is gone from its place; the drain then
+    // closes the set and ends the recording.
+    bool m_bWriteFailed = false;
 };
