@@ -34,8 +34,8 @@ CRPBase::CRPBase(const char* pNameBase, int nSlot, int nChannels, int nOffset, b
       m_nMaxProcessDeltaMs(0), m_nMaxFileOpMs(0), m_nChannels(static_cast<unsigned>(nChannels)),
       m_nOffset(static_cast<unsigned>(nOffset)), m_nPortPosition(0), m_nPortMaxLen(0), m_hWorker(0),
       m_mqCommand(-1), m_mqResponse(-1), m_mqInternal(-1), m_pFileHandler(pFileHandler), m_ppSystemPorts(nullptr),
-      m_nSlot(nSlot), m_nNumSystemPorts(0), m_bWorkerEnded(false), m_nLostFileDone(0), m_nLostFileRolled(0),
-      m_nLostServicePosts(0), m_nLostPostErrno(0)
+      m_nSlot(nSlot), m_nNumSystemPorts(0), m_bJackLost(false), m_bClientLost(false), m_bWorkerEnded(false),
+      m_nLostFileDone(0), m_nLostFileRolled(0), m_nLostServicePosts(0), m_nLostPostErrno(0)
 {
     const size_t len = strlen(pNameBase);
     m_pNameBase = new char[len + 1];

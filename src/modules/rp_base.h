@@ -141,8 +141,18 @@ protected:
     static int ProcessStatic(jack_nframes_t nframes, void* arg);
     // Worker thread: fills m_CompletionMsg.
     virtual void PrepareCompletionMsg(bool bRoll) = 0;
-    // Main thread, during Initialize(): registers ProcessStatic.
+    // Worker thread, once the JACK server is gone (no callback runs any
+    // more): ends what the module was doing with its final completion
+    // message, keeping every frame already buffered.
+    virtual void EndOnJackLoss() {}
+    // Main thread, during Initialize(): registers ProcessStatic and the
+    // shutdown callback.
     bool InstallCallbacks();
+    // A JACK thread, after the client has died: raises m_bJackLost and wakes
+    // the worker, never waiting.
+    static void JackShutdownStatic(jack_status_t code, const char* reason, void* arg);
+    // Worker: the module's end after its client has died (see rp_jack.cpp).
+    void HandleJackLoss();
 
     // Worker thread.
     enumZorPlayResult DoStop();
@@ -234,6 +244,12 @@ protected:
     char* m_pNameFull;
     const int m_nSlot;
     unsigned m_nNumSystemPorts;
+    // Raised once by the shutdown callback when the client has died; read
+    // by the worker at every pass and by the main thread at destruction.
+    std::atomic<bool> m_bJackLost;
+    // Worker: the loss has been handled and the dead client closed; every
+    // command but the displays is then answered 14.
+    bool m_bClientLost;
 
 private:
     // Worker: handling of one token from each queue.

@@ -1,17 +1,37 @@
 // CRPBase: the module's JACK client, its ports and their connections.
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 
 #include "app/globals.h"
 #include "app/logging.h"
 #include "modules/rp_base.h"
 
+namespace {
+
+// Clients whose server has died and that their workers have not closed yet.
+// libjack closes and frees such clients by itself at the next client open
+// in the process, under the modules' feet; so no client is opened while one
+// is counted here.
+std::atomic<int> s_nDeadClients{0};
+// How long an open waits for the workers to close their dead clients.
+constexpr int kDeadClientWaitMs = 5000;
+
+} // namespace
+
 bool CRPBase::OpenJack()
 {
     if (m_pJackClient) {
         SerialLog(eLogJack, "%s: Jack already open?\r\n", "OpenJack");
         return true;
+    }
+    for (int waited = 0; s_nDeadClients.load(std::memory_order_acquire) > 0; waited += 10) {
+        if (waited >= kDeadClientWaitMs) {
+            printf("%s: Modules still hold clients of a lost JACK server\r\n", "OpenJack");
+            return false;
+        }
+        usleep(10000);
     }
     jack_status_t status = static_cast<jack_status_t>(0);
     m_pJackClient = jack_client_open(m_pNameFull, JackNoStartServer, &status);
@@ -86,7 +106,33 @@ bool CRPBase::InstallCallbacks()
         printf("%s: Can't install process callback\r\n", "InstallCallbacks");
         return false;
     }
+    jack_on_info_shutdown(m_pJackClient, JackShutdownStatic, this);
     return true;
+}
+
+void CRPBase::JackShutdownStatic(jack_status_t, const char*, void* arg)
+{
+    CRPBase* module = static_cast<CRPBase*>(arg);
+    if (module->m_bJackLost.exchange(true, std::memory_order_acq_rel))
+        return;
+    s_nDeadClients.fetch_add(1, std::memory_order_acq_rel);
+    // The worker looks at the flag on every pass; should the queue be full,
+    // it is awake anyway.
+    module->SendRTRequest(eInternalService);
+}
+
+// Runs at the top of the worker's first pass after the client died, so that
+// it comes before any command still queued (a Delete's exit included). No
+// callback runs any more: the file work is the worker's alone. The dead
+// client is closed here rather than at the module's deletion, so that a new
+// module can be created on a new server at once (see s_nDeadClients).
+void CRPBase::HandleJackLoss()
+{
+    m_bClientLost = true;
+    EndOnJackLoss();
+    printf("%s: JACK server lost\r\n", m_pNameFull);
+    SetState(eStateBadInitialization);
+    CloseJack();
 }
 
 bool CRPBase::ActivateJack()
@@ -149,7 +195,8 @@ bool CRPBase::ConnectPorts()
 
 bool CRPBase::DeactivateJack()
 {
-    if (!m_pJackClient)
+    // A dead client is not asked anything: it is only closed.
+    if (!m_pJackClient || m_bJackLost.load(std::memory_order_acquire))
         return true;
     if (jack_deactivate(m_pJackClient) != 0) {
         printf("%s Trouble in deactivate\r\n", "DeactivateJack");
@@ -160,8 +207,12 @@ bool CRPBase::DeactivateJack()
 
 bool CRPBase::CloseJack()
 {
-    if (jack_client_close(m_pJackClient) != 0)
+    // A dead client is freed even when its close reports the server gone.
+    const bool dead = m_bJackLost.load(std::memory_order_acquire);
+    if (jack_client_close(m_pJackClient) != 0 && !dead)
         return false;
     m_pJackClient = nullptr;
+    if (dead)
+        s_nDeadClients.fetch_sub(1, std::memory_order_acq_rel);
     return true;
 }

@@ -353,3 +353,16 @@ void CPlayer::DoDisplayDebug(bool bFull)
     printf("Port Progress %u of %u\r\n", m_nPortPosition.load(), m_nPortMaxLen.load());
     m_PlayFileHandler.DoDisplayDebug();
 }
+
+// Staged files end as if play had run out: events already posted are
+// reported first, then one final completion, which also clears the handler.
+void CPlayer::EndOnJackLoss()
+{
+    SettleRTEvents();
+    if (!InState(GetState(),
+                 {eStateFileReady, eStateRunning, eStatePaused, eStateDraining, eStateFastForward, eStateRewind}))
+        return;
+    SetState(eStateIdle);
+    PrepareCompletionMsg(false);
+    SendMsg();
+}

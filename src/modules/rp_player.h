@@ -27,6 +27,7 @@ protected:
     unsigned GetPlaylistIndex() override;
     int ProcessMember(unsigned int nframes) override;
     void PrepareCompletionMsg(bool bRoll) override;
+    void EndOnJackLoss() override;
 
 private:
     // Silence from frame 'placed' to the end of the period on every port.

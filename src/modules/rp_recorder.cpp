@@ -139,3 +139,15 @@ void CRecorder::DoDisplayDebug(bool bFull)
     printf("Port Progress %u of %u\r\n", m_nPortPosition.load(), m_nPortMaxLen.load());
     m_pFileHandler->DoDisplayDebug();
 }
+
+// An open set ends as a stop does: what the ring buffer holds is written, the
+// files are closed with final headers, and the completion message goes out.
+// Each service writes everything buffered (through the converter as far as
+// its buffer allows), so a few passes always find the buffer dry.
+void CRecorder::EndOnJackLoss()
+{
+    if (DoStop() != eResultSuccess)
+        return;
+    for (int pass = 0; pass < 1000 && GetState() == eStateDraining; ++pass)
+        ServiceBuffer();
+}

@@ -19,6 +19,7 @@ protected:
     unsigned GetProgressMax() override;
     int ProcessMember(unsigned int nframes) override;
     void PrepareCompletionMsg(bool bRoll) override;
+    void EndOnJackLoss() override;
     // The callback's work on one period of port samples (one pointer per
     // channel), apart from fetching the port buffers from JACK.
     void RecordPeriod(const float* const* ports, unsigned nframes);

@@ -40,6 +40,11 @@ void CRPBase::WorkerThreadMember()
             }
             continue;
         }
+        if (!m_bClientLost && m_bJackLost.load(std::memory_order_acquire)) {
+            // The loss may drain the internal queue: wait for readiness anew.
+            HandleJackLoss();
+            continue;
+        }
         if (FD_ISSET(m_mqInternal, &readSet)) {
             uint32_t token = 0;
             if (mq_receive(m_mqInternal, reinterpret_cast<char*>(&token), sizeof(token), nullptr) < 0)
@@ -160,7 +165,7 @@ bool CRPBase::HandlePayloadCommand(uint32_t token, char* buffer, enumZorPlayResu
             SerialLog(eLogInteractive, "%s", cmd.pLogLine);
         const ssize_t n = mq_receive(m_mqCommand, buffer, kCommandQueueMsgSize, nullptr);
         if (n == cmd.nSize) {
-            result = cmd.run(*this, buffer);
+            result = m_bClientLost ? eResultNoJack : cmd.run(*this, buffer);
         } else {
             if (n < 0)
                 printf("Module Command MQ receive failed: %s\r\n", strerror(errno));
@@ -178,6 +183,11 @@ bool CRPBase::HandleCommandToken(uint32_t token, char* buffer)
     if (token == eTokenExit) {
         SerialLog(eLogInteractive, "Module Exiting\r\n");
         return false;
+    }
+    // Without its JACK client a module can only be looked at and deleted.
+    if (m_bClientLost && token >= eTokenStart && token <= eTokenStop) {
+        SendResponse(eResultNoJack);
+        return true;
     }
     if (!HandlePayloadCommand(token, buffer, result)) {
         switch (token) {
