@@ -129,10 +129,14 @@ void CRPBase::JackShutdownStatic(jack_status_t, const char*, void* arg)
 void CRPBase::HandleJackLoss()
 {
     m_bClientLost = true;
+    // Before Idle the main thread may still be setting the client up: the
+    // module is then left to its deletion, which closes the client.
+    const bool bInitialized = GetState() >= eStateIdle;
     EndOnJackLoss();
     printf("%s: JACK server lost\r\n", m_pNameFull);
     SetState(eStateBadInitialization);
-    CloseJack();
+    if (bInitialized)
+        CloseJack();
 }
 
 bool CRPBase::ActivateJack()
