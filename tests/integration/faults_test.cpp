@@ -167,7 +167,7 @@ TEST_F(Faults, ModulesOutliveTheirJackServer)
     // status tick) no report of it running.
     long long doneMs[2] = {-1, -1};
     structZorPlayMsg m;
-    while (Clock::now() < killed + std::chrono::milliseconds(4500)) {
+    for (auto end = killed + std::chrono::seconds(3); Clock::now() < end;) {
         if (!m_Client.WaitUnrequested(m, 100))
             continue;
         const long long done = doneMs[m.eType];
@@ -175,6 +175,8 @@ TEST_F(Faults, ModulesOutliveTheirJackServer)
             EXPECT_EQ(m.payload.fileCompletion.bRolled, 0);
             doneMs[m.eType] =
                 std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - killed).count();
+            if (doneMs[0] >= 0 && doneMs[1] >= 0)
+                end = Clock::now() + std::chrono::milliseconds(1500);
         } else if (m.eCmd == eCmdFileProgress && done >= 0) {
             EXPECT_NE(m.payload.fileProgress.nState, 4) << "type " << m.eType << " reports Running";
         }
