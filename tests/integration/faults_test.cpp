@@ -192,14 +192,16 @@ TEST_F(Faults, ModulesOutliveTheirJackServer)
 
     EXPECT_EQ(Cmd(eZorPlayRecorder, eCmdStart, 0), eResultNoJack);
     EXPECT_TRUE(Prints([&] { return Cmd(eZorPlayPlayer, eCmdQueryStatus, 0); }, 0, "State: Bad Initialization"));
-    EXPECT_EQ(m_Client.Call(eZorPlayRecorder, eCmdDelete, 0, nullptr, 0, 5000), eResultSuccess);
-    EXPECT_EQ(m_Client.Call(eZorPlayPlayer, eCmdDelete, 0, nullptr, 0, 5000), eResultSuccess);
 
+    // A new module works on a new server while the lost ones are still in
+    // their slots; they are deleted afterwards, at once.
     JackServer jack2;
     ASSERT_TRUE(jack2.Start(8, 8, jackName));
     ASSERT_EQ(Create(eZorPlayPlayer, 1, 2, 0), eResultSuccess);
     ASSERT_EQ(Play(1, WriteTone("short.wav", 24000)), eResultSuccess);
     EXPECT_EQ(Completion(eZorPlayPlayer, 1, 10000), 0);
+    EXPECT_EQ(m_Client.Call(eZorPlayRecorder, eCmdDelete, 0, nullptr, 0, 5000), eResultSuccess);
+    EXPECT_EQ(m_Client.Call(eZorPlayPlayer, eCmdDelete, 0, nullptr, 0, 5000), eResultSuccess);
     EXPECT_EQ(Cmd(eZorPlayPlayer, eCmdDelete, 1), eResultSuccess);
 }
 
