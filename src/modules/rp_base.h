@@ -247,8 +247,8 @@ protected:
     // Raised once by the shutdown callback when the client has died; read
     // by the worker at every pass and by the main thread at destruction.
     std::atomic<bool> m_bJackLost;
-    // Worker: the loss has been handled and the dead client closed; every
-    // command but the displays is then answered 14.
+    // Worker: the loss has been handled; every command but the displays is
+    // then answered 14.
     bool m_bClientLost;
 
 private:
