@@ -135,19 +135,13 @@ enumZorPlayResult CPlayFileHandler::AddSingleFile(structSetupPlayFile* setup)
         }
         // The reading side may already wait at the end of the ring (its file
         // read to the end, nothing after it), where a draining player no
-        // longer services it: it reaches the new file now, so the ports roll
-        // on without a gap. The callback is told before the file appears.
+        // longer services it: OpenStagedSecondary takes it on to the new
+        // file. The callback is told before the file appears.
         const unsigned reading = m_nReadingIndex.load(std::memory_order_relaxed);
-        const bool bReaderWaits = m_pFiles[reading]->IsReadToEnd() &&
-                                  Next(reading) == m_nNextStageIndex.load(std::memory_order_relaxed);
-        if (bReaderWaits)
+        if (m_pFiles[reading]->IsReadToEnd() && Next(reading) == m_nNextStageIndex.load(std::memory_order_relaxed))
             m_bOpeningNext.store(true, std::memory_order_relaxed);
         AddFileToArray(name, 0);
         SerialLog(eLogFile, "Secondary file staged: %s\r\n", name);
-        if (bReaderWaits) {
-            ServiceBuffer();
-            m_bOpeningNext.store(false, std::memory_order_release);
-        }
         return eResultSuccess;
     }
     if (IsRingFull() || !DoesFileExist(name)) {
@@ -184,7 +178,6 @@ enumZorPlayResult CPlayFileHandler::IndexNewPlaylist(structSetupPlaylist* setup)
 // list would reuse.
 enumZorPlayResult CPlayFileHandler::InstallNewPlaylist()
 {
-    CRTGatePark park(m_Gate);
     if (m_pNewPlaylist && m_pNewPlaylist->IsActive()) {
         EndPlaylist();
         std::swap(m_pPlaylist, m_pNewPlaylist);
@@ -201,6 +194,14 @@ enumZorPlayResult CPlayFileHandler::InstallNewPlaylist()
     // files are accepted again.
     EndPlaylist();
     return eResultCantOpenFile;
+}
+
+void CPlayFileHandler::OpenStagedSecondary()
+{
+    if (!m_bOpeningNext.load(std::memory_order_relaxed))
+        return;
+    ServiceBuffer();
+    m_bOpeningNext.store(false, std::memory_order_release);
 }
 
 int CPlayFileHandler::ServiceBuffer()
@@ -305,7 +306,6 @@ void CPlayFileHandler::PopCompletionMessage(structFileCompletion* record, bool b
 
 void CPlayFileHandler::EndPlaylist()
 {
-    CRTGatePark park(m_Gate);
     SerialLog(eLogFile, "Cleaning up playlist variables.\r\n");
     m_pPlaylist->Reset();
     for (unsigned i = 0; i < kPlaySlots; ++i)
@@ -328,7 +328,6 @@ void CPlayFileHandler::ReadFromPortSlot()
 
 enumZorPlayResult CPlayFileHandler::SeekToTime(int seconds)
 {
-    CRTGatePark park(m_Gate);
     // A negative time would wrap to a huge frame count; it is refused.
     if (seconds < 0 || !PortFile()->IsOpen())
         return eResultSkipImpossible;
@@ -343,7 +342,6 @@ enumZorPlayResult CPlayFileHandler::SeekToTime(int seconds)
 
 int CPlayFileHandler::FastWind(bool bEngage, bool bForward, bool bSilent)
 {
-    CRTGatePark park(m_Gate);
     SerialLog(eLogInteractive, "%s - %s - %s\r\n", bForward ? "Fast Forward" : "Rewind",
               bEngage ? "Engage" : "Disengage", bSilent ? "Silent" : "Audible");
     // A port file that has played out (to its end, or stopped) stays so: no
@@ -389,7 +387,6 @@ bool CPlayFileHandler::SkipIsValid(bool bRelative, int nSkip) const
 
 enumZorPlayResult CPlayFileHandler::SkipInPlaylist(bool bRelative, int nSkip)
 {
-    CRTGatePark park(m_Gate);
     const int value = bRelative ? nSkip - static_cast<int>(SlotsPortToStage()) : nSkip;
     m_pPlaylist->Skip(bRelative, value);
     const unsigned port = m_nPortPlayingIndex.load(std::memory_order_relaxed);
@@ -414,7 +411,6 @@ enumZorPlayResult CPlayFileHandler::SkipInPlaylist(bool bRelative, int nSkip)
 // the slot after the port, so that the end is recognisable.
 int CPlayFileHandler::ManualStop()
 {
-    CRTGatePark park(m_Gate);
     SerialLog(eLogRuntime, "Manual Stop!!\r\n");
     const unsigned port = m_nPortPlayingIndex.load(std::memory_order_relaxed);
     m_pFiles[port]->ManualStop();

@@ -11,10 +11,11 @@
 // Threads: the callback calls GetPlayBufferP, IsCurrentPortFileDone,
 // IsRollReady, RTRoll, GetPortPosition and GetPortMaxLen; it alone moves the
 // port index while playing. Everything else runs on the worker, which owns
-// the stage, reading and completion indices. Operations that empty a buffer
-// the callback may be reading (seek, wind, skip, stop, a new playlist) park
-// the callback through the handler's gate first; the callback brackets every
-// cycle with the gate's Enter and Leave.
+// the stage, reading and completion indices. Operations that empty or
+// restage a buffer the callback may be reading (SeekToTime, FastWind,
+// SkipInPlaylist, ManualStop, InstallNewPlaylist, EndPlaylist and so a final
+// PopCompletionMessage, RTRoll on the worker) are called only while the
+// player keeps its callback parked at the module's gate.
 #pragma once
 
 #include <atomic>
@@ -23,7 +24,6 @@
 #include "files/file_handler.h"
 #include "files/playfile.h"
 #include "files/playlist.h"
-#include "modules/rt_gate.h"
 
 constexpr unsigned kPlaySlots = 5;
 
@@ -38,6 +38,8 @@ public:
     // IndexNewPlaylist, then on success InstallNewPlaylist.
     enumZorPlayResult AddPlaylist(structSetupPlaylist* setup) override;
     using CFileHandler::AddSingleFile;
+    // A primary file is staged and opened. A secondary file is staged only;
+    // OpenStagedSecondary then opens it when the reading side waits for it.
     enumZorPlayResult AddSingleFile(structSetupPlayFile* setup) override;
     int ManualStop() override;
     unsigned GetRTBufLen() override;
@@ -50,6 +52,11 @@ public:
     // (parking the callback) with its first entries staged and opened.
     enumZorPlayResult IndexNewPlaylist(structSetupPlaylist* setup);
     enumZorPlayResult InstallNewPlaylist();
+    // After a secondary set-up: a reading side that waited at the end of the
+    // ring goes on to the new file now rather than at the next service
+    // request, so that the ports roll on without a gap. Until then the
+    // callback waits for the file instead of ending play.
+    void OpenStagedSecondary();
     bool OpenFile();
     int ServiceBuffer();
     unsigned GetActivePlaylistIndex() const;
@@ -62,10 +69,6 @@ public:
     bool AddFileToArray(const char* name, unsigned listIndex);
     // Nothing staged, playing or waiting for its completion.
     bool IsEmpty() const;
-
-    // The callback's gate: Enter/Leave on the real-time thread, parks on the
-    // worker around anything that flushes audio.
-    CRTGate& GetRTGate() { return m_Gate; }
 
     // Real-time thread (and the worker while the callback is kept away).
     CZPBuffer* GetPlayBufferP() const;
@@ -122,5 +125,4 @@ private:
     // Raised by the worker while it may be between finding the end of the
     // reading file and opening the next one; read by the callback.
     std::atomic<bool> m_bOpeningNext{false};
-    CRTGate m_Gate;
 };

@@ -35,7 +35,7 @@ CRPBase::CRPBase(const char* pNameBase, int nSlot, int nChannels, int nOffset, b
       m_nOffset(static_cast<unsigned>(nOffset)), m_nPortPosition(0), m_nPortMaxLen(0), m_hWorker(0),
       m_mqCommand(-1), m_mqResponse(-1), m_mqInternal(-1), m_pFileHandler(pFileHandler), m_ppSystemPorts(nullptr),
       m_nSlot(nSlot), m_nNumSystemPorts(0), m_bJackLost(false), m_bClientLost(false), m_bWorkerEnded(false),
-      m_nLostFileDone(0), m_nLostFileRolled(0), m_nLostServicePosts(0), m_nLostPostErrno(0)
+      m_nLostPosts(0), m_nLostPostErrno(0)
 {
     const size_t len = strlen(pNameBase);
     m_pNameBase = new char[len + 1];
@@ -174,7 +174,9 @@ enumZorPlayResult CRPBase::DoStop()
         return eResultNotRunning;
     SetState(eStateDraining);
     {
-        CRTGatePark waitForCycle(m_StateGate);
+        // No cycle that saw the old state is still running past here. (A
+        // player holds the gate parked across its whole stop already.)
+        CRTGatePark waitForCycle(m_Gate);
     }
     m_pFileHandler->ManualStop();
     SendRTRequest(eInternalService);

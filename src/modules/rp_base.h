@@ -6,10 +6,13 @@
 //   main thread   construction, Initialize(), the public operations, the
 //                 destructor. Public operations block until the worker answers.
 //   worker        every Do operation, ServiceBuffer (file I/O), completion,
-//                 roll-over and progress messages, debug displays.
-//   JACK thread   ProcessMember, once a period. It shares with the worker only
-//                 the atomic state and statistics words, the file handler's
-//                 ring buffers and the internal queue.
+//                 roll-over and progress messages, debug displays. The only
+//                 writer of the module state.
+//   JACK thread   ProcessMember, once a period. It reads the state and acts
+//                 on it, and reports what happened (a roll, the end of play)
+//                 through the event ring; it shares with the worker only the
+//                 atomic state and statistics words, the file handler's ring
+//                 buffers, the event ring and the internal queue.
 #pragma once
 
 #include <jack/jack.h>
@@ -21,6 +24,7 @@
 #include <initializer_list>
 
 #include "files/file_handler.h"
+#include "modules/rt_events.h"
 #include "modules/rt_gate.h"
 #include "protocol/zor_play_msg.h"
 
@@ -154,8 +158,9 @@ protected:
     // Worker: the module's end after its client has died (see rp_jack.cpp).
     void HandleJackLoss();
 
-    // Worker thread.
-    enumZorPlayResult DoStop();
+    // Worker thread. The stop step; a kind whose callback reports events
+    // applies them first (see DrainRTEvents).
+    virtual enumZorPlayResult DoStop();
     enumZorPlayResult DoReportProgress();
     void PrepareMessage(structZorPlayMsg* pMsg, enumZorPlayCmd eCmd);
     void SendMsg();
@@ -167,10 +172,13 @@ protected:
     static void RaiseTo(std::atomic<uint32_t>& word, uint32_t v);
     // The statistics of a new file: peak, xruns and timing maxima cleared.
     void ClearStatistics();
-    // File-done and rolled events the callback could not post, and failed
-    // posts of service tokens (with the errno of the last), turned into their
-    // messages and lines by the worker once the internal queue is empty.
-    void DrainLostEvents();
+    // Worker: applies, in order, every event the callback has reported.
+    void DrainRTEvents();
+    // Worker: one reported event (eInternalFileRolled or eInternalFileDone);
+    // only a kind whose callback reports events overrides it.
+    virtual void ApplyRTEvent(uint32_t event);
+    // Worker: prints a line for each token the callback could not post.
+    void ReportLostPosts();
 
     // Main thread (destructors): tells the worker to leave and joins it.
     void StopWorker();
@@ -180,10 +188,15 @@ protected:
     mqd_t CreateMessageQueue(const char* pName, unsigned int nMsgSize, unsigned int nMaxMsgs);
     bool SendInternal(eRPCommandToken token);
     bool SendInternal(void* pData, unsigned int nLen);
-    // JACK thread and worker: never waits. A lost service token is made good
-    // by the next one; a lost file-done or rolled event is kept in a counter
-    // that the worker turns into its message later.
+    // JACK thread and worker: never waits. A token that cannot be posted (a
+    // full queue) is counted for the worker to report. Tokens only wake the
+    // worker: a lost service token is made good by the next one.
     void SendRTRequest(eRPInternalToken token);
+    // JACK thread: reports a roll or the end of play and rings the doorbell.
+    // The event waits in the ring whatever becomes of the doorbell; the
+    // worker takes it at its next wake (every period's service token, every
+    // command).
+    void ReportRTEvent(eRPInternalToken event);
     enumZorPlayResult GetResponse();
     bool SendResponse(enumZorPlayResult result);
 
@@ -208,8 +221,7 @@ protected:
     void SetState(int state) { m_nState.store(state, std::memory_order_release); }
 
     const bool m_bRecorder;
-    // Written by the worker (and the player's callback in the two cases the
-    // player allows); read everywhere.
+    // Written by the worker only; read everywhere.
     std::atomic<int32_t> m_nState;
     CRPServer* m_pServer;
     structZorPlayMsg m_CompletionMsg; // worker
@@ -234,11 +246,15 @@ protected:
     mqd_t m_mqResponse;
     mqd_t m_mqInternal;
     CFileHandler* m_pFileHandler;
-    // A callback that acts on the state brackets its cycle with this gate;
-    // the stop step passes it after leaving the playing state, so no cycle
-    // that saw the old state is still running when the last service token
-    // is posted.
-    CRTGate m_StateGate;
+    // The module's real-time gate: the callback brackets each cycle with
+    // Enter and Leave. The worker parks it around anything the callback must
+    // not see half done: a flush or restaging of the play buffers, and every
+    // player command's decision on the state together with the events
+    // applied before it. Waiting at it once (park, unpark) after leaving a
+    // state guarantees that no cycle that saw the old state is still running.
+    CRTGate m_Gate;
+    // Callback to worker events (see ReportRTEvent).
+    CRTEventRing m_RTEvents;
     const char** m_ppSystemPorts;
     char* m_pNameBase;
     char* m_pNameFull;
@@ -251,11 +267,13 @@ protected:
     // then answered 14.
     bool m_bClientLost;
 
-private:
-    // Worker: handling of one token from each queue.
+    // Worker: handling of one token from each queue (tests drive these on
+    // their own thread, without a worker).
     void HandleInternalToken(uint32_t token);
     // false when the worker is to leave its loop.
     bool HandleCommandToken(uint32_t token, char* buffer);
+
+private:
     // Tokens 6 to 10: receives the payload that follows the token and runs
     // its command; false when the token takes no payload.
     bool HandlePayloadCommand(uint32_t token, char* buffer, enumZorPlayResult& result);
@@ -267,9 +285,7 @@ private:
     // Set by the worker as it leaves its loop; the main thread then stops
     // waiting for answers that cannot come.
     std::atomic<bool> m_bWorkerEnded;
-    std::atomic<uint32_t> m_nLostFileDone;
-    std::atomic<uint32_t> m_nLostFileRolled;
-    std::atomic<uint32_t> m_nLostServicePosts;
+    std::atomic<uint32_t> m_nLostPosts; // raised by the JACK thread (and the worker)
     std::atomic<int> m_nLostPostErrno;
 };
 

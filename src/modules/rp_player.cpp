@@ -24,12 +24,11 @@ CPlayer::CPlayer(const char* pNameBase, int nSlot, int nChannels, int nOffset, C
 {
 }
 
-void CPlayer::StuffSilence(float** pBuffers, unsigned placed, unsigned nframes)
+void CPlayer::StuffSilence(float* const* pBuffers, unsigned placed, unsigned nframes, bool bPlaying)
 {
     if (placed >= nframes)
         return;
-    const int state = GetState();
-    if (state == eStateRunning || state == eStateDraining || state == eStateFastForward)
+    if (bPlaying)
         SerialLog(eLogRuntime, "STUFF! %d\r\n", static_cast<int>(nframes - placed));
     for (unsigned c = 0; c < m_nChannels; ++c)
         memset(pBuffers[c] + placed, 0, (nframes - placed) * sizeof(float));
@@ -38,41 +37,58 @@ void CPlayer::StuffSilence(float** pBuffers, unsigned placed, unsigned nframes)
 int CPlayer::ProcessMember(unsigned int nframes)
 {
     MeasureProcessDelta(s_nPlayerPrevMs, "Player process delta %d mSec\r\n");
-
     float* ports[kMaxModuleChannels];
     for (unsigned c = 0; c < m_nChannels; ++c)
         ports[c] = static_cast<float*>(jack_port_get_buffer(m_pPorts[c], nframes));
+    PlayPeriod(ports, nframes);
+    return 0;
+}
 
-    // While the worker flushes or restages the play buffers this cycle keeps
-    // off them and plays silence.
-    CRTGate& gate = m_PlayFileHandler.GetRTGate();
-    if (!gate.Enter()) {
-        StuffSilence(ports, 0, nframes);
-        return 0;
+void CPlayer::ReportEndOfPlay()
+{
+    if (m_bEndReported.load(std::memory_order_relaxed))
+        return;
+    SerialLog(eLogInteractive, "Halting\r\n");
+    m_nPortMaxLen.store(0, std::memory_order_relaxed);
+    m_nPortPosition.store(0, std::memory_order_relaxed);
+    m_bEndReported.store(true, std::memory_order_relaxed);
+    ReportRTEvent(eInternalFileDone);
+}
+
+void CPlayer::PlayPeriod(float* const* ports, unsigned nframes)
+{
+    // While the worker flushes or restages the play buffers, or decides a
+    // command, this cycle keeps off them and plays silence.
+    if (!m_Gate.Enter()) {
+        StuffSilence(ports, 0, nframes, false);
+        return;
     }
-
+    // One state for the whole cycle. The worker changes it while the cycle
+    // runs only between playing states (files ran empty, a roll applied).
+    const int state = GetState();
+    const bool playing = InState(state, {eStateRunning, eStateDraining, eStateFastForward, eStateRewind});
     unsigned placed = 0;
     unsigned want = nframes;
-    for (;;) {
+    while (playing || state == eStateFileReady || state == eStatePaused) {
         CZPBuffer* buffer = m_PlayFileHandler.GetPlayBufferP();
         if (!buffer) {
-            placed = 0;
+            // Playing with no open file at the ports (rolled past the last
+            // one, or anything else that took the port file away): the end
+            // of play, never silence for ever.
+            if (playing)
+                ReportEndOfPlay();
             break;
         }
         const unsigned readable = buffer->GetReadableFrames();
         RaiseTo(m_nPeakBufferFrames, buffer->GetWritableFrames());
 
-        const int state = GetState();
         unsigned n = 0;
-        if (state == eStateRunning || state == eStateDraining || state == eStateFastForward ||
-            state == eStateRewind) {
+        if (playing) {
             n = readable < want ? readable : want;
             for (unsigned f = 0; f < n; ++f)
                 for (unsigned c = 0; c < m_nChannels; ++c)
                     ports[c][placed + f] = buffer->ReadSingle();
             placed += n;
-        } else if (state != eStateFileReady && state != eStatePaused) {
-            break;
         }
         SendRTRequest(eInternalService);
 
@@ -82,7 +98,7 @@ int CPlayer::ProcessMember(unsigned int nframes)
             m_nPortPosition.fetch_add(n, std::memory_order_relaxed);
         m_nPortMaxLen.store(m_PlayFileHandler.GetPortMaxLen(), std::memory_order_relaxed);
 
-        if (n >= want || state == eStateFileReady || state == eStatePaused)
+        if (n >= want || !playing)
             break;
 
         // The read came up short while playing. Unless the port file is done
@@ -93,32 +109,52 @@ int CPlayer::ProcessMember(unsigned int nframes)
             SerialLog(eLogRuntime, "%s Actual underrun: %d\r\n", "ProcessMember", static_cast<int>(readable));
             break;
         }
-        if (!m_PlayFileHandler.RTRoll()) {
-            SerialLog(eLogInteractive, "Halting\r\n");
-            m_nPortMaxLen.store(0, std::memory_order_relaxed);
-            SetState(eStateIdle);
-            m_nPortPosition.store(0, std::memory_order_relaxed);
-            SendRTRequest(eInternalFileDone);
-            break;
-        }
+        // The ports move on; with nothing open there the next pass of the
+        // loop takes the end-of-play path.
+        if (!m_PlayFileHandler.RTRoll())
+            continue;
         want -= n;
         SerialLog(eLogRuntime, "ROLL misalign, remaining: %d\r\n", static_cast<int>(want));
         m_nPeakBufferFrames.store(0, std::memory_order_relaxed);
         m_nPortPosition.store(0, std::memory_order_relaxed);
-        SendRTRequest(eInternalFileRolled);
-        int expected = eStateDraining;
-        m_nState.compare_exchange_strong(expected, eStateRunning, std::memory_order_acq_rel);
+        ReportRTEvent(eInternalFileRolled);
     }
-    gate.Leave();
-    StuffSilence(ports, placed, nframes);
-    return 0;
+    const bool ended = m_bEndReported.load(std::memory_order_relaxed);
+    m_Gate.Leave();
+    StuffSilence(ports, placed, nframes,
+                 !ended && InState(state, {eStateRunning, eStateDraining, eStateFastForward}));
+}
+
+void CPlayer::ApplyRTEvent(uint32_t event)
+{
+    switch (event) {
+    case eInternalFileRolled:
+        PrepareCompletionMsg(true);
+        SendMsg();
+        if (GetState() == eStateDraining)
+            SetState(eStateRunning);
+        break;
+    case eInternalFileDone: {
+        {
+            // The handler is cleared and the callback re-armed while it
+            // cannot look.
+            CRTGatePark park(m_Gate);
+            SetState(eStateIdle);
+            PrepareCompletionMsg(false);
+            m_bEndReported.store(false, std::memory_order_relaxed);
+        }
+        SendMsg();
+        break;
+    }
+    default:
+        CRPBase::ApplyRTEvent(event);
+        break;
+    }
 }
 
 void CPlayer::ServiceBuffer()
 {
-    const int state = GetState();
-    if (state != eStateFileReady && state != eStateRunning && state != eStatePaused && state != eStateFastForward &&
-        state != eStateRewind)
+    if (!InState(GetState(), {eStateFileReady, eStateRunning, eStatePaused, eStateFastForward, eStateRewind}))
         return;
     const uint32_t start = MonotonicMs();
     const int more = m_PlayFileHandler.ServiceBuffer();
@@ -126,28 +162,46 @@ void CPlayer::ServiceBuffer()
     if (took > kFileOpLogMs)
         SerialLog(eLogPerformance, "Player File op: %d mSec\r\n", static_cast<int>(took));
     RaiseTo(m_nMaxFileOpMs, took);
-    // Only from a playing state: the callback may have just taken the module
-    // to Idle at the end of play.
-    int now = GetState();
-    if (more == 0 && (now == eStateRunning || now == eStateFastForward || now == eStateRewind)) {
+    // The state is the worker's own: an end of play the callback reports
+    // meanwhile is applied after this, from Draining as from any playing
+    // state.
+    if (more == 0 && InState(GetState(), {eStateRunning, eStateFastForward, eStateRewind})) {
         SerialLog(eLogRuntime, "Files ran empty - Moving to draining\r\n");
-        m_nState.compare_exchange_strong(now, eStateDraining, std::memory_order_acq_rel);
+        SetState(eStateDraining);
     }
 }
 
 enumZorPlayResult CPlayer::DoSetupFile(structSetupPlayFile* pSetup)
 {
-    if (GetState() != eStateIdle && pSetup->bSecondary == 0) {
-        puts("Module must be idle to set up file\r");
-        return eResultNotIdle;
+    int state = eStateIdle;
+    {
+        CSettled settled(*this);
+        state = GetState();
+        if (state != eStateIdle && pSetup->bSecondary == 0) {
+            puts("Module must be idle to set up file\r");
+            return eResultNotIdle;
+        }
+        if (state != eStateIdle) {
+            // A secondary file is staged while the callback cannot look: it
+            // either finds the file behind the one it plays or has already
+            // ended play, and then the module is Idle here and the file is
+            // refused as a secondary without a primary.
+            const enumZorPlayResult r = m_PlayFileHandler.AddSingleFile(pSetup);
+            if (r != eResultSuccess)
+                return r;
+        }
     }
-    if (GetState() == eStateIdle)
-        SettleRTEvents();
-    const enumZorPlayResult r = m_pFileHandler->AddSingleFile(pSetup);
+    if (state != eStateIdle) {
+        // Opened (when the reading side waits for it) with the callback
+        // playing on.
+        m_PlayFileHandler.OpenStagedSecondary();
+        return eResultSuccess;
+    }
+    // Idle: the callback does not touch the files.
+    const enumZorPlayResult r = m_PlayFileHandler.AddSingleFile(pSetup);
     if (r != eResultSuccess)
         return r;
-    int expected = eStateIdle;
-    m_nState.compare_exchange_strong(expected, eStateFileReady, std::memory_order_acq_rel);
+    SetState(eStateFileReady);
     PrimePlayBuffer();
     return eResultSuccess;
 }
@@ -163,38 +217,14 @@ enumZorPlayResult CPlayer::DoSetupPlaylist(structSetupPlaylist* pSetup)
     if (r != eResultSuccess)
         return r;
     {
-        CRTGatePark park(m_PlayFileHandler.GetRTGate());
-        SettleRTEvents();
+        CSettled settled(*this);
         r = m_PlayFileHandler.InstallNewPlaylist();
-        if (r == eResultSuccess)
-            SetState(eStateFileReady);
-        else
-            SetState(eStateIdle); // the old files are gone and nothing of the new list opened
+        // Failed: the old files are gone and nothing of the new list opened.
+        SetState(r == eResultSuccess ? eStateFileReady : eStateIdle);
     }
     if (r == eResultSuccess)
         PrimePlayBuffer();
     return r;
-}
-
-// Completion and roll-over events the callback posted before a set-up are
-// reported before the set-up changes the files, so that none is applied to
-// the files it stages. With the callback parked, every event of the cycles
-// before is in the queue, or was counted as lost when the queue was full and
-// comes after it; pending service requests are dropped (the next cycle posts
-// one).
-void CPlayer::SettleRTEvents()
-{
-    CRTGatePark park(m_PlayFileHandler.GetRTGate());
-    static const timespec kExpired = {0, 0};
-    uint32_t token = 0;
-    while (mq_timedreceive(m_mqInternal, reinterpret_cast<char*>(&token), sizeof(token), nullptr, &kExpired) ==
-           static_cast<ssize_t>(sizeof(token))) {
-        if (token == eInternalFileDone || token == eInternalFileRolled) {
-            PrepareCompletionMsg(token == eInternalFileRolled);
-            SendMsg();
-        }
-    }
-    DrainLostEvents();
 }
 
 // Opens and reads the new file at once rather than on the next period's
@@ -208,49 +238,47 @@ void CPlayer::PrimePlayBuffer()
 enumZorPlayResult CPlayer::DoPlaylistSkip(structSkipInPlaylist* pSkip)
 {
     const bool relative = pSkip->bRelative != 0;
-    const int state = GetState();
-    if (!m_PlayFileHandler.SkipIsValid(relative, pSkip->nSkip) ||
-        (state != eStateFileReady && state != eStateRunning && state != eStatePaused && state != eStateDraining))
-        return eResultSkipImpossible;
-    if (state == eStateFileReady || state == eStatePaused) {
+    bool rolled = false;
+    {
+        CSettled settled(*this);
+        const int state = GetState();
+        if (!m_PlayFileHandler.SkipIsValid(relative, pSkip->nSkip) ||
+            !InState(state, {eStateFileReady, eStateRunning, eStatePaused, eStateDraining}))
+            return eResultSkipImpossible;
         m_PlayFileHandler.SkipInPlaylist(relative, pSkip->nSkip);
-        bool rolled = false;
-        {
-            // The callback reads the port index; keep it off while the
-            // worker moves the ports on itself.
-            CRTGatePark park(m_PlayFileHandler.GetRTGate());
-            rolled = m_PlayFileHandler.RTRoll() != nullptr;
-            // Nothing from the chosen entry on could be opened: play ends
-            // here, as it does when the same skip is made while running.
-            if (!rolled) {
-                m_nPortMaxLen.store(0, std::memory_order_relaxed);
-                m_nPortPosition.store(0, std::memory_order_relaxed);
-                SetState(eStateIdle);
-            }
+        if (state == eStateRunning || state == eStateDraining) {
+            // The callback rolls past the stopped port file to the new entry
+            // and reports the roll-over.
+            SetState(eStateRunning);
+            return eResultSuccess;
+        }
+        // Not playing: the worker moves the ports on itself.
+        rolled = m_PlayFileHandler.RTRoll() != nullptr;
+        // Nothing from the chosen entry on could be opened: play ends here,
+        // as it does when the same skip is made while running.
+        if (!rolled) {
+            m_nPortMaxLen.store(0, std::memory_order_relaxed);
+            m_nPortPosition.store(0, std::memory_order_relaxed);
+            SetState(eStateIdle);
         }
         PrepareCompletionMsg(rolled);
-        SendMsg();
-        if (!rolled)
-            return eResultSuccess;
-        m_nPortPosition.store(m_PlayFileHandler.GetPortPosition(), std::memory_order_relaxed);
-        m_nPeakBufferFrames.store(0, std::memory_order_relaxed);
-        m_PlayFileHandler.ServiceBuffer();
-        return eResultSuccess;
     }
-    SetState(eStatePaused);
-    m_PlayFileHandler.SkipInPlaylist(relative, pSkip->nSkip);
-    SetState(eStateRunning);
+    SendMsg();
+    if (!rolled)
+        return eResultSuccess;
+    m_nPortPosition.store(m_PlayFileHandler.GetPortPosition(), std::memory_order_relaxed);
+    m_nPeakBufferFrames.store(0, std::memory_order_relaxed);
+    m_PlayFileHandler.ServiceBuffer();
     return eResultSuccess;
 }
 
 enumZorPlayResult CPlayer::DoSeekToTime(structSeekOperation* pSeek)
 {
-    const int state = GetState();
-    if (state != eStateFileReady && state != eStateRunning && state != eStatePaused)
-        return eResultNotRunning;
     {
         // The position is taken before the callback plays from it again.
-        CRTGatePark park(m_PlayFileHandler.GetRTGate());
+        CSettled settled(*this);
+        if (!InState(GetState(), {eStateFileReady, eStateRunning, eStatePaused}))
+            return eResultNotRunning;
         const enumZorPlayResult r = m_PlayFileHandler.SeekToTime(pSeek->nSeconds);
         if (r != eResultSuccess)
             return r;
@@ -265,6 +293,7 @@ enumZorPlayResult CPlayer::DoSeekToTime(structSeekOperation* pSeek)
 
 enumZorPlayResult CPlayer::DoStart()
 {
+    CSettled settled(*this);
     const int state = GetState();
     if (state == eStateFastForward || state == eStateRewind)
         return Wind(eStateRunning, false, false, false);
@@ -273,24 +302,31 @@ enumZorPlayResult CPlayer::DoStart()
 
 enumZorPlayResult CPlayer::DoPause()
 {
+    CSettled settled(*this);
     const int state = GetState();
     if (state == eStateFastForward || state == eStateRewind)
         return Wind(eStatePaused, false, false, false);
     return CRPBase::DoPause();
 }
 
-// The callback is kept off across the state change and the wind, so that it
-// neither plays buffered audio in the new state (a silent wind from Paused
-// would let it be heard) nor reads a buffer the wind is flushing.
+enumZorPlayResult CPlayer::DoStop()
+{
+    CSettled settled(*this);
+    return CRPBase::DoStop();
+}
+
+// Under the caller's park, so that the callback neither plays buffered audio
+// in the new state (a silent wind from Paused would let it be heard) nor
+// reads a buffer the wind is flushing.
 enumZorPlayResult CPlayer::Wind(int newState, bool bEngage, bool bForward, bool bSilent)
 {
-    CRTGatePark park(m_PlayFileHandler.GetRTGate());
     SetState(newState);
     return static_cast<enumZorPlayResult>(m_PlayFileHandler.FastWind(bEngage, bForward, bSilent));
 }
 
 enumZorPlayResult CPlayer::DoFastForward()
 {
+    CSettled settled(*this);
     switch (GetState()) {
     case eStateFileReady:
     case eStateRunning:
@@ -308,6 +344,7 @@ enumZorPlayResult CPlayer::DoFastForward()
 
 enumZorPlayResult CPlayer::DoRewind()
 {
+    CSettled settled(*this);
     switch (GetState()) {
     case eStateRunning:
     case eStateDraining:
@@ -354,11 +391,11 @@ void CPlayer::DoDisplayDebug(bool bFull)
     m_PlayFileHandler.DoDisplayDebug();
 }
 
-// Staged files end as if play had run out: events already posted are
-// reported first, then one final completion, which also clears the handler.
+// Staged files end as if play had run out: events already reported are
+// applied first, then one final completion, which also clears the handler.
 void CPlayer::EndOnJackLoss()
 {
-    SettleRTEvents();
+    DrainRTEvents();
     if (!InState(GetState(),
                  {eStateFileReady, eStateRunning, eStatePaused, eStateDraining, eStateFastForward, eStateRewind}))
         return;

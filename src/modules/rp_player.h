@@ -1,5 +1,15 @@
 // CPlayer: a module that plays staged files, single, paired or from a
 // playlist, to its JACK output ports.
+//
+// One writer for the state: the callback never changes it. It plays in the
+// playing states (Running, Draining, Fast forward, Rewind), keeps the buffers
+// filled in File Ready and Paused, and reports through the event ring what
+// happened at the ports: a roll to the next file, the end of play. The worker
+// applies those reports (a roll-over completion, Draining back to Running;
+// the final completion and Idle) and every command's transition. A command
+// decides with the callback parked and every earlier report applied, so it
+// always meets the state as it is: a Stop, Pause, wind, skip or set-up that
+// meets the end of play comes either wholly before it or wholly after it.
 #pragma once
 
 #include "files/playfile_handler.h"
@@ -20,6 +30,7 @@ protected:
     enumZorPlayResult DoPause() override;
     enumZorPlayResult DoFastForward() override;
     enumZorPlayResult DoRewind() override;
+    enumZorPlayResult DoStop() override;
     void DoDisplayDebug(bool bFull) override;
     void ServiceBuffer() override;
     unsigned GetProgressElapsed() override;
@@ -28,16 +39,35 @@ protected:
     int ProcessMember(unsigned int nframes) override;
     void PrepareCompletionMsg(bool bRoll) override;
     void EndOnJackLoss() override;
+    void ApplyRTEvent(uint32_t event) override;
+    // JACK thread: the callback's work on one period of port buffers (one
+    // pointer per channel), apart from fetching them from JACK.
+    void PlayPeriod(float* const* ports, unsigned nframes);
 
 private:
-    // Silence from frame 'placed' to the end of the period on every port.
-    void StuffSilence(float** pBuffers, unsigned placed, unsigned nframes);
-    // The wind command: the new state, then the handler's wind.
+    // Worker: for the lifetime of the object the callback is parked and
+    // every event it reported before has been applied.
+    class CSettled {
+    public:
+        explicit CSettled(CPlayer& player) : m_Park(player.m_Gate) { player.DrainRTEvents(); }
+
+    private:
+        CRTGatePark m_Park;
+    };
+
+    // JACK thread: silence from frame 'placed' to the end of the period on
+    // every port; bPlaying logs the shortfall.
+    void StuffSilence(float* const* pBuffers, unsigned placed, unsigned nframes, bool bPlaying);
+    // JACK thread: the end of play, reported once.
+    void ReportEndOfPlay();
+    // Worker, callback parked: the wind command's new state, then the
+    // handler's wind.
     enumZorPlayResult Wind(int newState, bool bEngage, bool bForward, bool bSilent);
     void PrimePlayBuffer();
-    // Worker, before a set-up: reports the file events already posted.
-    void SettleRTEvents();
 
     CPlayFileHandler m_PlayFileHandler;
+    // Set by the callback when it reports the end of play; from then on it
+    // plays silence and reports nothing until the worker, applying that
+    // report with the callback parked, clears it.
+    std::atomic<bool> m_bEndReported{false};
 };
-

@@ -100,23 +100,24 @@ void CRPBase::SendRTRequest(eRPInternalToken token)
 {
     // An absolute timeout in the past: a full queue answers ETIMEDOUT at once
     // instead of blocking the real-time thread. Nothing is printed here; the
-    // worker prints the line for failed posts (see DrainLostEvents).
+    // worker prints the line for failed posts (see ReportLostPosts).
     static const timespec kExpired = {0, 0};
     if (mq_timedsend(m_mqInternal, reinterpret_cast<const char*>(&token), sizeof(token), 0, &kExpired) == 0)
         return;
     // ETIMEDOUT here means the queue was full.
     m_nLostPostErrno.store(errno == ETIMEDOUT ? EAGAIN : errno, std::memory_order_relaxed);
-    switch (token) {
-    case eInternalFileDone:
-        m_nLostFileDone.fetch_add(1, std::memory_order_release);
-        break;
-    case eInternalFileRolled:
-        m_nLostFileRolled.fetch_add(1, std::memory_order_release);
-        break;
-    default:
-        m_nLostServicePosts.fetch_add(1, std::memory_order_release);
-        break;
+    m_nLostPosts.fetch_add(1, std::memory_order_relaxed);
+}
+
+void CRPBase::ReportRTEvent(eRPInternalToken event)
+{
+    if (!m_RTEvents.Push(event)) {
+        // Beyond the ring's bound (see rt_events.h): reported as a lost post.
+        m_nLostPostErrno.store(EOVERFLOW, std::memory_order_relaxed);
+        m_nLostPosts.fetch_add(1, std::memory_order_relaxed);
+        return;
     }
+    SendRTRequest(event);
 }
 
 enumZorPlayResult CRPBase::GetResponse()

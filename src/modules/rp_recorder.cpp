@@ -40,10 +40,10 @@ void CRecorder::RecordPeriod(const float* const* ports, unsigned nframes)
 {
     // The stop step waits at this gate, so a period that saw Running has
     // been written and its token posted before the stop's own token.
-    if (!m_StateGate.Enter())
+    if (!m_Gate.Enter())
         return;
     if (GetState() != eStateRunning) {
-        m_StateGate.Leave();
+        m_Gate.Leave();
         return;
     }
     CZPBuffer* buffer = m_RecFileHandler.GetRTBufferP();
@@ -60,7 +60,7 @@ void CRecorder::RecordPeriod(const float* const* ports, unsigned nframes)
         for (unsigned c = 0; c < m_nChannels; ++c)
             buffer->WriteSingle(ports[c][f]);
     SendRTRequest(eInternalService);
-    m_StateGate.Leave();
+    m_Gate.Leave();
 }
 
 void CRecorder::ServiceBuffer()
@@ -80,7 +80,7 @@ void CRecorder::ServiceBuffer()
         {
             // A period that still saw Running finishes before the next
             // set-up drops what it wrote.
-            CRTGatePark waitForCycle(m_StateGate);
+            CRTGatePark waitForCycle(m_Gate);
         }
         PrepareCompletionMsg(false);
         SendMsg();

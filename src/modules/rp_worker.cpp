@@ -63,59 +63,50 @@ void CRPBase::WorkerThreadMember()
             }
             // Any other length is not a token: dropped without an answer.
         }
-        // Every wake, a command's included, makes good what the callback
-        // could not post: an event lost just as the queue ran empty is still
-        // reported by the next status tick at the latest.
-        if (running)
-            DrainLostEvents();
+        ReportLostPosts();
     }
     m_bWorkerEnded.store(true, std::memory_order_release);
 }
 
 void CRPBase::HandleInternalToken(uint32_t token)
 {
+    // Every token, whatever its kind, first takes what the callback has
+    // reported: a roll or an end of play whose own token was lost to a full
+    // queue is applied here, in its place in the order of events.
+    DrainRTEvents();
     switch (token) {
     case eInternalService:
         ServiceBuffer();
         break;
     case eInternalFileDone:
-        PrepareCompletionMsg(false);
-        SendMsg();
-        break;
     case eInternalFileRolled:
-        PrepareCompletionMsg(true);
-        SendMsg();
-        break;
+        break; // applied from the ring above
     default:
         printf("Module internal MQ received unknown token: %d\r\n", static_cast<int>(token));
         break;
     }
 }
 
-void CRPBase::DrainLostEvents()
+void CRPBase::DrainRTEvents()
 {
-    if ((m_nLostFileDone.load(std::memory_order_relaxed) | m_nLostFileRolled.load(std::memory_order_relaxed) |
-         m_nLostServicePosts.load(std::memory_order_relaxed)) == 0)
+    uint32_t event = 0;
+    while (m_RTEvents.Pop(event))
+        ApplyRTEvent(event);
+}
+
+void CRPBase::ApplyRTEvent(uint32_t event)
+{
+    printf("Module internal MQ received unknown token: %d\r\n", static_cast<int>(event));
+}
+
+void CRPBase::ReportLostPosts()
+{
+    if (m_nLostPosts.load(std::memory_order_relaxed) == 0)
         return;
-    // Events lost while the queue was full come after everything that was
-    // in it, so they are made good only once it has been emptied.
-    mq_attr attr;
-    if (mq_getattr(m_mqInternal, &attr) != 0 || attr.mq_curmsgs != 0)
-        return;
-    const uint32_t lostService = m_nLostServicePosts.exchange(0, std::memory_order_acquire);
-    const uint32_t lostRolled = m_nLostFileRolled.exchange(0, std::memory_order_acquire);
-    const uint32_t lostDone = m_nLostFileDone.exchange(0, std::memory_order_acquire);
-    const uint32_t lost = lostService + lostRolled + lostDone;
+    const uint32_t lost = m_nLostPosts.exchange(0, std::memory_order_relaxed);
     const char* reason = strerror(m_nLostPostErrno.load(std::memory_order_relaxed));
     for (uint32_t i = 0; i < lost; ++i)
         printf("MQ void * RT Send failed %s\r\n", reason);
-    if (lostService)
-        ServiceBuffer();
-    // A roll always precedes the end of play it leads to.
-    for (uint32_t i = 0; i < lostRolled; ++i)
-        HandleInternalToken(eInternalFileRolled);
-    for (uint32_t i = 0; i < lostDone; ++i)
-        HandleInternalToken(eInternalFileDone);
 }
 
 // The commands whose token is followed by a payload record.
@@ -189,6 +180,9 @@ bool CRPBase::HandleCommandToken(uint32_t token, char* buffer)
         SendResponse(eResultNoJack);
         return true;
     }
+    // A command, a progress report included, comes after everything the
+    // callback has reported so far.
+    DrainRTEvents();
     if (!HandlePayloadCommand(token, buffer, result)) {
         switch (token) {
         case eTokenStart:
