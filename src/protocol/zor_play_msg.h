@@ -1,27 +1,44 @@
 // Control records exchanged between clients and the server over the
 // Unix datagram socket. Every datagram is one structZorPlayMsg of 3236 bytes,
 // integers in host byte order, text fields NUL-terminated and zero-filled.
+//
+// The header is valid C11 as well as C++: client programs written in C get it
+// installed beside zor_play_client.h. In C++ each code table is an enum type
+// of its own 32-bit width; in C the codes are enum constants and the record
+// fields plain 32-bit integers, so the layout is the same in both.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
+#include <stddef.h>
+#include <stdint.h>
 
-constexpr uint32_t kZorPlayProtocolVersion = 0;
-constexpr int kZorPlayMsgSize = 3236;
-constexpr int kZorPlayPayloadSize = 3208;
-constexpr int kMaxModuleSlots = 8;
-constexpr int kMaxRecordFiles = 8;
-constexpr int kRecordFilenameSize = 384;
-constexpr int kPlayFilenameFieldSize = 1028;
-constexpr int kPlaylistFieldSize = 324;
+#ifdef __cplusplus
+#define ZP_CONSTANT(type, name, value) constexpr type name = value;
+#define ZP_CODE_TABLE(name, word) enum name : word
+#define ZP_CODE_WORD(name, word)
+#else
+#include <assert.h>
+#define ZP_CONSTANT(type, name, value) enum { name = value };
+#define ZP_CODE_TABLE(name, word) enum
+#define ZP_CODE_WORD(name, word) typedef word name;
+#endif
+
+ZP_CONSTANT(uint32_t, kZorPlayProtocolVersion, 0)
+ZP_CONSTANT(int, kZorPlayMsgSize, 3236)
+ZP_CONSTANT(int, kZorPlayPayloadSize, 3208)
+ZP_CONSTANT(int, kMaxModuleSlots, 8)
+ZP_CONSTANT(int, kMaxRecordFiles, 8)
+ZP_CONSTANT(int, kRecordFilenameSize, 384)
+ZP_CONSTANT(int, kPlayFilenameFieldSize, 1028)
+ZP_CONSTANT(int, kPlaylistFieldSize, 324)
 
 // Module type addressed by a request or reporting in an unrequested message.
-enum enumZorPlayType : uint32_t {
+ZP_CODE_TABLE(enumZorPlayType, uint32_t) {
     eZorPlayRecorder = 0,
     eZorPlayPlayer = 1,
 };
+ZP_CODE_WORD(enumZorPlayType, uint32_t)
 
-enum enumZorPlayCmd : uint32_t {
+ZP_CODE_TABLE(enumZorPlayCmd, uint32_t) {
     eCmdHello = 0,
     eCmdCreate = 1,
     eCmdDelete = 2,
@@ -42,8 +59,9 @@ enum enumZorPlayCmd : uint32_t {
     eCmdDeleteAll = 17,
     eCmdCount = 18,
 };
+ZP_CODE_WORD(enumZorPlayCmd, uint32_t)
 
-enum enumZorPlayResult : uint32_t {
+ZP_CODE_TABLE(enumZorPlayResult, uint32_t) {
     eResultSuccess = 0,
     eResultBadVersion = 1,
     eResultBadLength = 2,
@@ -81,21 +99,22 @@ enum enumZorPlayResult : uint32_t {
     eResultUnmapped = 34,
     eResultCount = 35,
 };
+ZP_CODE_WORD(enumZorPlayResult, uint32_t)
 
 // nReq values.
-enum : int32_t {
+ZP_CODE_TABLE(, int32_t) {
     eReqRequest = 0,
     eReqResponse = 1,
     eReqUnrequested = 2,
 };
 
-struct structAddModule {
+typedef struct structAddModule {
     int32_t nChannels;
     int32_t nOffset;
-};
+} structAddModule;
 
 // Recorder set-up (command 3).
-struct structSetupFile {
+typedef struct structSetupFile {
     int32_t bSecondary;
     uint32_t nFileSeconds;
     char szFilenames[kMaxRecordFiles][kRecordFilenameSize];
@@ -105,31 +124,31 @@ struct structSetupFile {
     uint32_t nReserved1[7];
     int32_t bRoll;
     uint32_t nReserved2[21];
-};
+} structSetupFile;
 
 // Single play file set-up (command 16).
-struct structSetupPlayFile {
+typedef struct structSetupPlayFile {
     int32_t bSecondary;
     char szFilename[kPlayFilenameFieldSize];
-};
+} structSetupPlayFile;
 
-struct structSetupPlaylist {
+typedef struct structSetupPlaylist {
     uint32_t nReserved;
     char szPlaylist[kPlaylistFieldSize];
-};
+} structSetupPlaylist;
 
-struct structSkipInPlaylist {
+typedef struct structSkipInPlaylist {
     int32_t bRelative;
     int32_t nSkip;
-};
+} structSkipInPlaylist;
 
-struct structSeekOperation {
+typedef struct structSeekOperation {
     uint32_t nReserved;
     int32_t nSeconds;
-};
+} structSeekOperation;
 
 // Unrequested command 9.
-struct structFileProgress {
+typedef struct structFileProgress {
     int32_t nState;
     uint32_t nElapsed;
     uint32_t nRemaining;
@@ -139,10 +158,10 @@ struct structFileProgress {
     uint32_t nMaxFileOpMs;
     uint32_t nMaxProcessDeltaMs;
     uint32_t nPlaylistIndex;
-};
+} structFileProgress;
 
 // Unrequested command 10.
-struct structFileCompletion {
+typedef struct structFileCompletion {
     char szFilename[kPlayFilenameFieldSize];
     uint32_t nLength;
     int32_t bRolled;
@@ -150,9 +169,9 @@ struct structFileCompletion {
     uint32_t nXRuns;
     uint32_t nIndex;
     uint32_t nNewIndex;
-};
+} structFileCompletion;
 
-union unionZorPlayPayload {
+typedef union unionZorPlayPayload {
     uint8_t raw[kZorPlayPayloadSize];
     enumZorPlayResult eResult;
     structAddModule addModule;
@@ -163,9 +182,9 @@ union unionZorPlayPayload {
     structSeekOperation seekOperation;
     structFileProgress fileProgress;
     structFileCompletion fileCompletion;
-};
+} unionZorPlayPayload;
 
-struct structZorPlayMsg {
+typedef struct structZorPlayMsg {
     uint32_t nVersion;
     int32_t nLength;
     int32_t nID;
@@ -174,7 +193,11 @@ struct structZorPlayMsg {
     enumZorPlayCmd eCmd;
     int32_t nIndex;
     unionZorPlayPayload payload;
-};
+} structZorPlayMsg;
+
+#ifdef __cplusplus
+extern "C" {
+#endif
 
 extern const char* const g_CommandStrings[eCmdCount];
 extern const char* const g_ResultStrings[eResultCount];
@@ -184,10 +207,14 @@ const char* CommandString(uint32_t cmd);
 // Text of a result code, safe for codes outside the table.
 const char* ResultString(uint32_t result);
 
+#ifdef __cplusplus
+}
+
 // Zero-fills msg and writes the header of a request.
 void InitRequest(structZorPlayMsg& msg, int32_t id, enumZorPlayType type, enumZorPlayCmd cmd, int32_t index);
 // Zero-fills msg and writes the header of an unrequested message from a module.
 void InitUnrequested(structZorPlayMsg& msg, enumZorPlayType type, enumZorPlayCmd cmd, int32_t index);
+#endif
 
 // Layout checks: the record is shared with clients built separately.
 #define ZP_CHECK_LAYOUT(type, field, off) \
@@ -256,3 +283,6 @@ ZP_CHECK_LAYOUT(structFileCompletion, nIndex, 2068);
 ZP_CHECK_LAYOUT(structFileCompletion, nNewIndex, 2072);
 
 #undef ZP_CHECK_LAYOUT
+#undef ZP_CONSTANT
+#undef ZP_CODE_TABLE
+#undef ZP_CODE_WORD
