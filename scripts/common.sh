@@ -23,7 +23,7 @@ zp_raise_queue_depth() {
 zp_build() {
   local dir=$ZP_ROOT/build/$1 sanitizer=$2
   shift 2
-  cmake -S "$ZP_ROOT" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZP_SANITIZER="$sanitizer" >/dev/null
+  cmake -S "$ZP_ROOT" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZP_WERROR=ON -DZP_SANITIZER="$sanitizer" >/dev/null
   if [ $# -gt 0 ]; then
     cmake --build "$dir" -j "$ZP_JOBS" --target "$@"
   else
