@@ -16,6 +16,9 @@ echo "== plain build"
 zp_build default ""
 run_ctest default
 
+echo "== build without tests, installation and package"
+"$ZP_ROOT/scripts/check-install.sh"
+
 echo "== address + undefined behaviour sanitizers"
 zp_build asan asan
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
