@@ -1,0 +1,126 @@
+// zor_play_ctl and the C example driven against the real server: answers and
+// exit codes, a waited-for completion, a recording, and the one reply path
+// that only one live client may hold.
+#include <sndfile.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstdlib>
+#include <vector>
+
+#include "harness/server_fixture.h"
+#include "protocol/rp_server.h"
+
+namespace {
+
+struct Result {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+class CtlTest : public ServerTest {
+protected:
+    void SetUp() override
+    {
+        ServerTest::SetUp();
+        char dir[] = "/tmp/zp_ctl_XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        m_Dir = dir;
+        SF_INFO info{0, 48000, 2, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
+        SNDFILE* f = sf_open(Path("one.wav").c_str(), SFM_WRITE, &info);
+        ASSERT_NE(f, nullptr);
+        std::vector<float> frames(2 * 48000, 0.25f);
+        sf_writef_float(f, frames.data(), 48000);
+        sf_close(f);
+    }
+    void TearDown() override
+    {
+        ServerTest::TearDown();
+        system(("rm -rf " + m_Dir).c_str());
+    }
+    std::string Path(const std::string& name) const { return m_Dir + "/" + name; }
+
+    // Runs the program named by the environment variable with args.
+    static Result Run(const char* binaryVariable, std::vector<std::string> args)
+    {
+        const char* binary = getenv(binaryVariable);
+        args.insert(args.begin(), binary ? binary : "");
+        ChildProcess p;
+        EXPECT_TRUE(p.Start(args)) << binaryVariable;
+        const int status = p.WaitExit(30000);
+        return {status, p.Output(), p.ErrorOutput()};
+    }
+    static Result Ctl(const std::vector<std::string>& args) { return Run("ZOR_PLAY_CTL_BIN", args); }
+
+    std::string m_Dir;
+};
+
+::testing::AssertionResult Says(const Result& r, int status, const std::string& text)
+{
+    if (r.status == status && (r.out + r.err).find(text) != std::string::npos)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "exit " << r.status << " (expected " << status << " and \"" << text
+                                         << "\")\nstdout: " << r.out << "stderr: " << r.err;
+}
+
+TEST_F(CtlTest, PlaysAndRecordsWithTheServersAnswersAsExitCodes)
+{
+    m_Client.Close(); // the reply path is the command's
+    EXPECT_TRUE(Says(Ctl({"create", "player", "0", "2"}), 0, "player 0: Create recorder/player instance: 0"));
+    const Result refused = Ctl({"start", "player", "0"});
+    EXPECT_TRUE(Says(refused, 11, "Module has no file"));
+    EXPECT_EQ(refused.out, "") << "a refusal goes to standard error";
+    EXPECT_TRUE(Says(Ctl({"play", "0", Path("one.wav")}), 0, "Set up single player file: 0 Operation successful"));
+    const Result played = Ctl({"start", "player", "0", "--wait"});
+    EXPECT_TRUE(Says(played, 0, "player 0 completed: " + Path("one.wav") + ", 1 s"));
+    EXPECT_LT(played.out.find("Start playing/recording: 0"), played.out.find("completed"));
+
+    EXPECT_TRUE(Says(Ctl({"create", "recorder", "1", "2"}), 0, "Operation successful"));
+    EXPECT_TRUE(Says(Ctl({"record", "1", "--seconds", "1", "--bits", "24", Path("rec.wav")}), 0, "recorder 1:"));
+    EXPECT_TRUE(Says(Ctl({"--json", "start", "recorder", "1", "--wait"}), 0,
+                     "{\"kind\":\"completion\",\"module\":\"recorder\",\"slot\":1,\"file\":\"" + Path("rec.wav") +
+                         "\",\"length\":1,\"rolled\":false,"));
+    SF_INFO info{};
+    SNDFILE* f = sf_open(Path("rec.wav").c_str(), SFM_READ, &info);
+    ASSERT_NE(f, nullptr) << sf_strerror(nullptr);
+    sf_close(f);
+    EXPECT_EQ(info.channels, 2);
+    EXPECT_EQ(info.frames, 48000);
+    EXPECT_EQ(info.format, SF_FORMAT_WAV | SF_FORMAT_PCM_24);
+    EXPECT_TRUE(Says(Ctl({"status", "recorder", "1"}), 0, "Query status: 0 Operation successful"));
+
+    // Bad arguments are refused before anything is sent.
+    EXPECT_TRUE(Says(Ctl({"record", "1", "--rate", "44100", Path("x.wav")}), 100, "--rate"));
+    EXPECT_TRUE(Says(Ctl({"play", "0", std::string(1100, 'a')}), 100, "longer than 1027"));
+}
+
+TEST_F(CtlTest, TheCExamplePlaysAFileToItsEnd)
+{
+    m_Client.Close();
+    EXPECT_TRUE(Says(Run("ZOR_PLAY_EXAMPLE_BIN", {Path("one.wav")}), 0, "played " + Path("one.wav") + " (1 s)"));
+}
+
+TEST_F(CtlTest, OnlyOneLiveClientHoldsTheReplyPath)
+{
+    // The fixture's client holds the path: the command leaves it alone.
+    EXPECT_TRUE(Says(Ctl({"hello"}), 102, "held by another running client"));
+    EXPECT_EQ(m_Client.Call(eZorPlayPlayer, eCmdHello, 0), eResultSuccess) << "the holder lost its socket";
+
+    // A file left by a client that died is taken over.
+    m_Client.Close();
+    const int stale = socket(AF_UNIX, SOCK_DGRAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    strcpy(addr.sun_path, kClientSocketPath);
+    ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    close(stale);
+    EXPECT_TRUE(Says(Ctl({"hello"}), 0, "Hello: 0 Operation successful"));
+    EXPECT_FALSE(FileExists(kClientSocketPath)) << "the command leaves no reply path behind";
+
+    EXPECT_TRUE(Says(Ctl({"exit"}), 0, "Exit recorder/player process: 0"));
+    EXPECT_EQ(m_Server.WaitExit(10000), 0);
+    EXPECT_TRUE(Says(Ctl({"hello"}), 101, "no server at /tmp/recorder_unix_socket_server"));
+}
+
+} // namespace
