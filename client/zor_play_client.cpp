@@ -106,6 +106,7 @@ struct zpc_client {
     ino_t pathIno;
     zpc_message_fn callback;
     void* user;
+    bool inCallback; // requests from inside the callback are refused
     unsigned keptFirst;
     unsigned keptCount;
     unsigned dropped;
@@ -116,10 +117,17 @@ struct zpc_client {
 namespace {
 
 // Hands an unrequested message to the callback, or keeps it.
+void Call(zpc_client* c, const structZorPlayMsg& msg)
+{
+    c->inCallback = true;
+    c->callback(&msg, c->user);
+    c->inCallback = false;
+}
+
 void Deliver(zpc_client* c, const structZorPlayMsg& msg)
 {
     if (c->callback) {
-        c->callback(&msg, c->user);
+        Call(c, msg);
         return;
     }
     if (c->keptCount == kKeptMessages) {
@@ -137,13 +145,15 @@ void Deliver(zpc_client* c, const structZorPlayMsg& msg)
 int ReceiveOne(zpc_client* c, long long deadline)
 {
     const sockaddr_un server = Address(ZPC_SERVER_PATH);
-    for (;;) {
+    // The socket is looked at once even when the deadline has passed, so a
+    // zero timeout takes what is already there.
+    for (bool first = true;; first = false) {
         int waitMs = -1;
         if (deadline >= 0) {
             const long long left = deadline - NowMs();
-            if (left <= 0)
+            if (left <= 0 && !first)
                 return ZPC_ERR_TIMEOUT;
-            waitMs = left > 0x7fffffff ? 0x7fffffff : static_cast<int>(left);
+            waitMs = left <= 0 ? 0 : left > 0x7fffffff ? 0x7fffffff : static_cast<int>(left);
         }
         pollfd pfd = {c->fd, POLLIN, 0};
         const int ready = poll(&pfd, 1, waitMs);
@@ -302,7 +312,7 @@ void zpc_set_message_callback(zpc_client* c, zpc_message_fn fn, void* user)
     c->user = user;
     // Messages kept before the callback was set go to it first.
     for (; fn && c->keptCount > 0; --c->keptCount) {
-        fn(&c->kept[c->keptFirst], user);
+        Call(c, c->kept[c->keptFirst]);
         c->keptFirst = (c->keptFirst + 1) % kKeptMessages;
     }
 }
@@ -315,7 +325,7 @@ int zpc_fd(const zpc_client* c) { return c ? c->fd : -1; }
 
 int zpc_poll(zpc_client* c, structZorPlayMsg* msg, int timeout_ms)
 {
-    if (!c || (!msg && !c->callback))
+    if (!c || (!msg && !c->callback) || c->inCallback)
         return ZPC_ERR_ARGUMENT;
     if (c->keptCount > 0) {
         if (msg)
@@ -332,7 +342,7 @@ int zpc_poll(zpc_client* c, structZorPlayMsg* msg, int timeout_ms)
         if (!Unrequested(c->incoming))
             continue; // a late answer to a request that timed out
         if (c->callback)
-            c->callback(&c->incoming, c->user);
+            Call(c, c->incoming);
         if (msg)
             *msg = c->incoming;
         return 0;
@@ -341,7 +351,7 @@ int zpc_poll(zpc_client* c, structZorPlayMsg* msg, int timeout_ms)
 
 int zpc_request(zpc_client* c, structZorPlayMsg* msg)
 {
-    if (!c || !msg)
+    if (!c || !msg || c->inCallback)
         return ZPC_ERR_ARGUMENT;
     msg->nVersion = kZorPlayProtocolVersion;
     msg->nLength = kZorPlayMsgSize;
@@ -384,13 +394,7 @@ const char* zpc_result_text(int code)
     }
 }
 
-const char* zpc_state_name(int state)
-{
-    // The module states in the order of their codes.
-    static const char* const names[] = {"Construction Complete", "Bad Initialization", "Idle", "File Ready",
-                                        "Running", "Paused", "Draining", "Halting", "Fast forward", "Rewind"};
-    return state >= 0 && state < static_cast<int>(sizeof(names) / sizeof(names[0])) ? names[state] : "Unknown";
-}
+const char* zpc_state_name(int state) { return StateString(state); }
 
 int zpc_hello(zpc_client* c, int print_table) { return Command(c, eZorPlayPlayer, eCmdHello, print_table); }
 

@@ -37,8 +37,9 @@ enum {
 typedef struct zpc_client zpc_client;
 
 /* Called with each unrequested message (eCmd 9 progress, 10 completion) on
- * the thread that is inside zpc_request or zpc_poll. It must not call back
- * into the same client. */
+ * the thread that is inside zpc_request or zpc_poll. Requests and polls made
+ * from inside it are refused with ZPC_ERR_ARGUMENT; it must not close the
+ * client. */
 typedef void (*zpc_message_fn)(const structZorPlayMsg* msg, void* user);
 
 /* Binds the reply path. A file left there by a process that has gone is

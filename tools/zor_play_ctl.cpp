@@ -226,10 +226,31 @@ void PrintMessage(const structZorPlayMsg& m)
     fflush(stdout);
 }
 
-// Prints the unrequested messages of one module (or of all) until an
-// interrupt or, with untilComplete, a completion that did not roll over.
-// Checks about once a second that the server is still there.
-int Watch(bool oneModule, enumZorPlayType type, int slot, bool progress, bool untilComplete)
+// Which unrequested messages a wait prints, and whether it is over.
+struct WatchFilter {
+    bool oneModule;
+    enumZorPlayType type;
+    int slot;
+    bool progress;
+    bool untilComplete;
+    bool done;
+};
+
+void OnMessage(const structZorPlayMsg* m, void* user)
+{
+    WatchFilter& w = *static_cast<WatchFilter*>(user);
+    if (w.done || (w.oneModule && (m->eType != w.type || m->nIndex != w.slot)) ||
+        (m->eCmd == eCmdFileProgress && !w.progress))
+        return;
+    PrintMessage(*m);
+    w.done = w.untilComplete && m->eCmd == eCmdFileCompletion && !m->payload.fileCompletion.bRolled;
+}
+
+// Prints the unrequested messages that pass the filter until an interrupt
+// or, with untilComplete, a completion that did not roll over. Messages that
+// came while a request waited for its answer are printed first. Checks about
+// once a second that the server is still there.
+int Watch(WatchFilter w)
 {
     struct sigaction sa;
     memset(&sa, 0, sizeof(sa));
@@ -238,25 +259,17 @@ int Watch(bool oneModule, enumZorPlayType type, int slot, bool progress, bool un
     for (int sig : kSignals)
         sigaction(sig, &sa, nullptr);
     zpc_client* client = Client();
-    for (unsigned quiet = 0; !g_bInterrupted;) {
-        structZorPlayMsg m;
-        const int result = zpc_poll(client, &m, 250);
-        if (result == ZPC_ERR_TIMEOUT) {
-            if (++quiet % 4 == 0 && !zpc_server_running()) {
-                fprintf(stderr, "zor_play_ctl: the server has gone (no socket at %s)\n", ZPC_SERVER_PATH);
-                return kExitNoServer;
-            }
-            continue;
+    zpc_set_message_callback(client, OnMessage, &w);
+    for (unsigned quiet = 0; !w.done && !g_bInterrupted;) {
+        const int result = zpc_poll(client, nullptr, 250);
+        if (result == ZPC_ERR_TIMEOUT && ++quiet % 4 == 0 && !zpc_server_running()) {
+            fprintf(stderr, "zor_play_ctl: the server has gone (no socket at %s)\n", ZPC_SERVER_PATH);
+            return kExitNoServer;
         }
-        if (result != 0)
+        if (result != 0 && result != ZPC_ERR_TIMEOUT)
             return ClientFailure(result);
-        if ((oneModule && (m.eType != type || m.nIndex != slot)) || (m.eCmd == eCmdFileProgress && !progress))
-            continue;
-        PrintMessage(m);
-        if (untilComplete && m.eCmd == eCmdFileCompletion && !m.payload.fileCompletion.bRolled)
-            return 0;
     }
-    return untilComplete ? kExitInterrupted : 0;
+    return w.done || !w.untilComplete ? 0 : kExitInterrupted;
 }
 
 // "player|recorder SLOT"
@@ -292,7 +305,7 @@ int CmdModule(Args& a, const char* name)
     if (a.More())
         return UsageError("unexpected argument: ", a.Peek());
     const int status = Answer(entry->call(Client(), type, slot), entry->cmd, type, slot);
-    return status == 0 && wait ? Watch(true, type, slot, false, true) : status;
+    return status == 0 && wait ? Watch({true, type, slot, false, true, false}) : status;
 }
 
 int CmdCreate(Args& a)
@@ -401,7 +414,7 @@ int CmdWatch(Args& a)
         else
             return UsageError("watch expects [player|recorder SLOT] [--until-complete]");
     }
-    return Watch(oneModule, type, slot, true, untilComplete);
+    return Watch({oneModule, type, slot, true, untilComplete, false});
 }
 
 int Run(Args& a)

@@ -9,11 +9,6 @@
 #include "app/globals.h"
 #include "app/logging.h"
 
-const char* const szZorPlayStateNames[eStateCount] = {
-    "Construction Complete", "Bad Initialization", "Idle",    "File Ready",   "Running",
-    "Paused",                "Draining",           "Halting", "Fast forward", "Rewind",
-};
-
 namespace {
 
 constexpr size_t kWorkerStackBytes = 65536;
@@ -74,8 +69,7 @@ CRPBase::~CRPBase()
 
 const char* CRPBase::GetStateString() const
 {
-    const int state = GetState();
-    return state >= 0 && state < eStateCount ? szZorPlayStateNames[state] : "Unknown";
+    return StateString(GetState());
 }
 
 enumZorPlayResult CRPBase::Initialize()

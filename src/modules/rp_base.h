@@ -33,22 +33,6 @@ class CRPServer;
 // Channels of a module, and so ports of its client, at most.
 constexpr unsigned kMaxModuleChannels = 8;
 
-enum enumZorPlayState : int32_t {
-    eStateConstructionComplete = 0,
-    eStateBadInitialization = 1,
-    eStateIdle = 2,
-    eStateFileReady = 3,
-    eStateRunning = 4,
-    eStatePaused = 5,
-    eStateDraining = 6,
-    eStateHalting = 7,
-    eStateFastForward = 8,
-    eStateRewind = 9,
-    eStateCount = 10,
-};
-
-extern const char* const szZorPlayStateNames[eStateCount];
-
 // Tokens on a module's command queue.
 enum eRPCommandToken : uint32_t {
     eTokenExit = 0,

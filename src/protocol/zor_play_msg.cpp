@@ -61,6 +61,11 @@ const char* const g_ResultStrings[eResultCount] = {
     "Otherwise unmapped error",
 };
 
+const char* const szZorPlayStateNames[eStateCount] = {
+    "Construction Complete", "Bad Initialization", "Idle",    "File Ready",   "Running",
+    "Paused",                "Draining",           "Halting", "Fast forward", "Rewind",
+};
+
 const char* CommandString(uint32_t cmd)
 {
     return cmd < eCmdCount ? g_CommandStrings[cmd] : "Unknown command";
@@ -69,6 +74,11 @@ const char* CommandString(uint32_t cmd)
 const char* ResultString(uint32_t result)
 {
     return result < eResultCount ? g_ResultStrings[result] : "Unknown result";
+}
+
+const char* StateString(int32_t state)
+{
+    return state >= 0 && state < eStateCount ? szZorPlayStateNames[state] : "Unknown";
 }
 
 void InitRequest(structZorPlayMsg& msg, int32_t id, enumZorPlayType type, enumZorPlayCmd cmd, int32_t index)

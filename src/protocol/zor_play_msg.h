@@ -101,6 +101,22 @@ ZP_CODE_TABLE(enumZorPlayResult, uint32_t) {
 };
 ZP_CODE_WORD(enumZorPlayResult, uint32_t)
 
+// Module state, as progress messages carry it (nState).
+ZP_CODE_TABLE(enumZorPlayState, int32_t) {
+    eStateConstructionComplete = 0,
+    eStateBadInitialization = 1,
+    eStateIdle = 2,
+    eStateFileReady = 3,
+    eStateRunning = 4,
+    eStatePaused = 5,
+    eStateDraining = 6,
+    eStateHalting = 7,
+    eStateFastForward = 8,
+    eStateRewind = 9,
+    eStateCount = 10,
+};
+ZP_CODE_WORD(enumZorPlayState, int32_t)
+
 // nReq values.
 ZP_CODE_TABLE(, int32_t) {
     eReqRequest = 0,
@@ -201,11 +217,14 @@ extern "C" {
 
 extern const char* const g_CommandStrings[eCmdCount];
 extern const char* const g_ResultStrings[eResultCount];
+extern const char* const szZorPlayStateNames[eStateCount];
 
 // Text of a command code, safe for codes outside the table.
 const char* CommandString(uint32_t cmd);
 // Text of a result code, safe for codes outside the table.
 const char* ResultString(uint32_t result);
+// Name of a module state, safe for values outside the table.
+const char* StateString(int32_t state);
 
 #ifdef __cplusplus
 }
