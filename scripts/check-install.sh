@@ -45,6 +45,9 @@ for line in "ExecStart=$prefix/bin/zor_play" After=jack.service KillSignal=SIGIN
             LimitMSGQUEUE=infinity LimitMEMLOCK=infinity LimitRTPRIO= ExecStartPost=; do
   grep -q "^$line" "$unit" || fail "the unit has no $line"
 done
+if command -v systemd-analyze >/dev/null; then
+  systemd-analyze verify --man=no "$unit" || fail "systemd finds fault with the unit"
+fi
 grep -q '^fs.mqueue.msg_max = 256' "$prefix/lib/sysctl.d/60-zor_play.conf" || fail "sysctl file without msg_max"
 
 echo "== the C example through pkg-config"

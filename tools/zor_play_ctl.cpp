@@ -128,6 +128,10 @@ zpc_client* Client()
 {
     if (!g_pClient) {
         const int result = zpc_open(&g_pClient);
+        if (result == ZPC_ERR_SYSTEM) {
+            fprintf(stderr, "zor_play_ctl: cannot bind the reply path %s: %s\n", ZPC_REPLY_PATH, strerror(errno));
+            exit(kExitSystem);
+        }
         if (result != 0)
             exit(ClientFailure(result));
         zpc_set_timeout(g_pClient, g_nTimeoutMs);
