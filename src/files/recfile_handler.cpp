@@ -355,16 +355,19 @@ uint32_t CRecFileHandler::RefreshSpacing() const
 
 void CRecFileHandler::RefreshHeaders()
 {
-    // Data first, then the header that claims it, so a header that reaches
-    // the storage never covers audio that has not; the second sync pushes the
-    // header itself. A crash or power cut then loses at most the second
-    // written since the last refresh (and what was still buffered).
+    // The header is rewritten to cover every frame written so far, then one
+    // sync pushes data and header together. A crash or power cut then loses
+    // at most the second written since the last refresh (and what was still
+    // buffered). Syncing the data on its own first would keep even a power
+    // cut in the middle of the sync from leaving the header ahead of the
+    // last second's data, but costs a second sync a file: three times the
+    // stall on the disks measured, for a case in which readers just find
+    // the file shorter than its header says.
     m_nRefreshedFrames = m_nFramesWritten;
     for (unsigned i = 0; i < kRecMaxChannels; ++i) {
         SNDFILE* pFile = m_pSndFiles[i];
         if (pFile == nullptr)
             continue;
-        sf_write_sync(pFile);
         sf_command(pFile, SFC_UPDATE_HEADER_NOW, nullptr, 0);
         sf_write_sync(pFile);
         if (sf_error(pFile) != SF_ERR_NO_ERROR) {

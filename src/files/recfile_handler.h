@@ -90,8 +90,8 @@ private:
     void ReportWriteFailure(unsigned nSlot, const char* pReason);
     // Frames of audio between two header refreshes: one second at the file rate.
     uint32_t RefreshSpacing() const;
-    // Pushes the data of every open file to the storage, then rewrites each
-    // header to cover it, then pushes the headers.
+    // Rewrites the header of every open file to cover what was written,
+    // then pushes data and header to the storage.
     void RefreshHeaders();
 
     unsigned m_nChannels;
