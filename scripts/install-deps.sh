@@ -14,6 +14,7 @@ else
     jackd2                               # the JACK server (dummy backend) and jack_wait/jack_lsp
     libgtest-dev libgmock-dev libbenchmark-dev               # tests and benchmarks
     util-linux                           # prlimit, unshare
+    clang dpkg-dev                       # the clang build; dpkg-shlibdeps for the package
   )
 fi
 
