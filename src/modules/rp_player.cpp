@@ -173,14 +173,14 @@ void CPlayer::ServiceBuffer()
 
 enumZorPlayResult CPlayer::DoSetupFile(structSetupPlayFile* pSetup)
 {
-    int state = eStateIdle;
-    {
+    int state = GetState();
+    if (state != eStateIdle && pSetup->bSecondary == 0) {
+        puts("Module must be idle to set up file\r");
+        return eResultNotIdle;
+    }
+    if (state != eStateIdle) {
         CSettled settled(*this);
         state = GetState();
-        if (state != eStateIdle && pSetup->bSecondary == 0) {
-            puts("Module must be idle to set up file\r");
-            return eResultNotIdle;
-        }
         if (state != eStateIdle) {
             // A secondary file is staged while the callback cannot look: it
             // either finds the file behind the one it plays or has already
@@ -235,16 +235,23 @@ void CPlayer::PrimePlayBuffer()
         m_PlayFileHandler.ServiceBuffer();
 }
 
+bool CPlayer::CanSkip(const structSkipInPlaylist* pSkip) const
+{
+    return m_PlayFileHandler.SkipIsValid(pSkip->bRelative != 0, pSkip->nSkip) &&
+           InState(GetState(), {eStateFileReady, eStateRunning, eStatePaused, eStateDraining});
+}
+
 enumZorPlayResult CPlayer::DoPlaylistSkip(structSkipInPlaylist* pSkip)
 {
     const bool relative = pSkip->bRelative != 0;
     bool rolled = false;
+    if (!CanSkip(pSkip))
+        return eResultSkipImpossible;
     {
         CSettled settled(*this);
-        const int state = GetState();
-        if (!m_PlayFileHandler.SkipIsValid(relative, pSkip->nSkip) ||
-            !InState(state, {eStateFileReady, eStateRunning, eStatePaused, eStateDraining}))
+        if (!CanSkip(pSkip))
             return eResultSkipImpossible;
+        const int state = GetState();
         m_PlayFileHandler.SkipInPlaylist(relative, pSkip->nSkip);
         if (state == eStateRunning || state == eStateDraining) {
             // The callback rolls past the stopped port file to the new entry
@@ -274,6 +281,8 @@ enumZorPlayResult CPlayer::DoPlaylistSkip(structSkipInPlaylist* pSkip)
 
 enumZorPlayResult CPlayer::DoSeekToTime(structSeekOperation* pSeek)
 {
+    if (!InState(GetState(), {eStateFileReady, eStateRunning, eStatePaused}))
+        return eResultNotRunning;
     {
         // The position is taken before the callback plays from it again.
         CSettled settled(*this);
@@ -291,26 +300,33 @@ enumZorPlayResult CPlayer::DoSeekToTime(structSeekOperation* pSeek)
     return eResultSuccess;
 }
 
+// Start and Pause park only to end a wind. Otherwise they only flip the
+// state (File Ready or Paused to Running, playing to Paused), which an end of
+// play the callback reports meanwhile simply follows, or refuse.
 enumZorPlayResult CPlayer::DoStart()
 {
-    CSettled settled(*this);
-    const int state = GetState();
-    if (state == eStateFastForward || state == eStateRewind)
-        return Wind(eStateRunning, false, false, false);
+    if (InState(GetState(), {eStateFastForward, eStateRewind})) {
+        CSettled settled(*this);
+        if (InState(GetState(), {eStateFastForward, eStateRewind}))
+            return Wind(eStateRunning, false, false, false);
+    }
     return CRPBase::DoStart();
 }
 
 enumZorPlayResult CPlayer::DoPause()
 {
-    CSettled settled(*this);
-    const int state = GetState();
-    if (state == eStateFastForward || state == eStateRewind)
-        return Wind(eStatePaused, false, false, false);
+    if (InState(GetState(), {eStateFastForward, eStateRewind})) {
+        CSettled settled(*this);
+        if (InState(GetState(), {eStateFastForward, eStateRewind}))
+            return Wind(eStatePaused, false, false, false);
+    }
     return CRPBase::DoPause();
 }
 
 enumZorPlayResult CPlayer::DoStop()
 {
+    if (!IsActive())
+        return CRPBase::DoStop(); // refused
     CSettled settled(*this);
     return CRPBase::DoStop();
 }
@@ -326,6 +342,8 @@ enumZorPlayResult CPlayer::Wind(int newState, bool bEngage, bool bForward, bool 
 
 enumZorPlayResult CPlayer::DoFastForward()
 {
+    if (!IsActive())
+        return eResultNotRunning;
     CSettled settled(*this);
     switch (GetState()) {
     case eStateFileReady:
@@ -344,6 +362,8 @@ enumZorPlayResult CPlayer::DoFastForward()
 
 enumZorPlayResult CPlayer::DoRewind()
 {
+    if (!IsActive())
+        return eResultNotRunning;
     CSettled settled(*this);
     switch (GetState()) {
     case eStateRunning:

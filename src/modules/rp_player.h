@@ -46,7 +46,10 @@ protected:
 
 private:
     // Worker: for the lifetime of the object the callback is parked and
-    // every event it reported before has been applied.
+    // every event it reported before has been applied. Commands take it
+    // only to change what the callback plays (a flush, a restaging, a new
+    // file staged), after a check without it that lets a command that is
+    // refused anyway, or that only flips the state, cost no period of audio.
     class CSettled {
     public:
         explicit CSettled(CPlayer& player) : m_Park(player.m_Gate) { player.DrainRTEvents(); }
@@ -64,6 +67,14 @@ private:
     // handler's wind.
     enumZorPlayResult Wind(int newState, bool bEngage, bool bForward, bool bSilent);
     void PrimePlayBuffer();
+    // Worker: a state that Stop, Fast forward and Rewind act on (Rewind
+    // refuses File Ready itself).
+    bool IsActive() const
+    {
+        return InState(GetState(), {eStateFileReady, eStateRunning, eStatePaused, eStateDraining,
+                                    eStateFastForward, eStateRewind});
+    }
+    bool CanSkip(const structSkipInPlaylist* pSkip) const;
 
     CPlayFileHandler m_PlayFileHandler;
     // Set by the callback when it reports the end of play; from then on it
