@@ -1,12 +1,17 @@
 #include "files/playfile.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
+#include <fcntl.h>
+#include <samplerate.h>
 
 #include "app/globals.h"
 #include "app/info_files.h"
 #include "app/logging.h"
+#include "files/regular_file.h"
 
 uint32_t MonotonicSeconds()
 {
@@ -41,19 +46,42 @@ bool CPlayFile::SetFilename(const char* name, unsigned listIndex)
     return true;
 }
 
+// Opens a file for play and checks that it can be played: a regular file
+// libsndfile reads, at a rate the converter can take to the JACK rate.
+// Prints why not and answers null otherwise.
+SNDFILE* CPlayFile::OpenPlayable(const char* name, SF_INFO& info)
+{
+    const int fd = OpenRegularFile(name, O_RDONLY);
+    if (fd == eOpenFailed) // in the words libsndfile uses for a failed system call
+        printf("Couldn't open file: %s: System error : %s.\r\n", name, strerror(errno));
+    if (fd < 0)
+        return nullptr;
+    info = SF_INFO();
+    SNDFILE* file = sf_open_fd(fd, SFM_READ, &info, SF_TRUE);
+    if (!file) {
+        printf("Couldn't open file: %s: %s\r\n", name, sf_strerror(nullptr));
+        return nullptr;
+    }
+    // A rate the converter cannot take would leave the player running
+    // without ever making progress.
+    const unsigned jackRate = g_nJackSampleRate.load(std::memory_order_relaxed);
+    if (!src_is_valid_ratio(static_cast<double>(jackRate) / static_cast<double>(info.samplerate))) {
+        printf("Couldn't open file: %s: a rate of %d Hz cannot be converted to %u Hz\r\n", name, info.samplerate,
+               jackRate);
+        sf_close(file);
+        return nullptr;
+    }
+    return file;
+}
+
 bool CPlayFile::OpenFile()
 {
     SerialLog(eLogFile, "Player: OpenFile: %.200s\r\n", m_szFilename);
     if (m_pSndFile)
         return true;
-
-    m_sfInfo = SF_INFO();
-    m_sfInfo.format = 0;
-    m_pSndFile = sf_open(m_szFilename, SFM_READ, &m_sfInfo);
-    if (!m_pSndFile) {
-        printf("Couldn't open file: %s: %s\r\n", m_szFilename, sf_strerror(nullptr));
+    m_pSndFile = OpenPlayable(m_szFilename, m_sfInfo);
+    if (!m_pSndFile)
         return false;
-    }
 
     const unsigned period = g_nBufferSizeFrames.load(std::memory_order_relaxed);
     if (!m_pPlayBuffer)
@@ -287,7 +315,13 @@ int CPlayFile::FillPlayBuffer()
     if (!m_bSRC)
         return FillBufferFromFile(m_pPlayBuffer);
     const int r = FillBufferFromFile(m_pFileBuffer);
-    m_pSRC->PerformSRC(m_pFileBuffer, m_pPlayBuffer);
+    if (!m_pSRC->PerformSRC(m_pFileBuffer, m_pPlayBuffer)) {
+        // A file the converter refuses would never leave the file buffer:
+        // it ends here, as if it had reached its end.
+        m_pFileBuffer->Reset(); // worker on both sides
+        m_bDone.store(true, std::memory_order_release);
+        return -1;
+    }
     return (r != -1 || m_pFileBuffer->GetReadableFrames() > 0) ? 1 : -1;
 }
 

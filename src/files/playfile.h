@@ -53,6 +53,7 @@ public:
     CPlayFile& operator=(const CPlayFile&) = delete;
 
     // Worker thread.
+    static SNDFILE* OpenPlayable(const char* name, SF_INFO& info);
     bool SetFilename(const char* name, unsigned listIndex);
     const char* GetFilename() const { return m_szFilename; }
     unsigned GetListIndex() const { return m_nListIndex; }

@@ -2,10 +2,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "app/info_files.h"
 #include "app/logging.h"
+#include "files/regular_file.h"
 
 namespace {
 
@@ -62,9 +65,27 @@ enumZorPlayResult CPlaylist::SetupPlaylistFile(const char* name)
     SerialLog(eLogFile, "Playlist file %s seems to exist\r\n", name);
     CloseFile();
     strscpy(m_szPlaylistPath, name, sizeof(m_szPlaylistPath));
-    m_pFile = fopen(m_szPlaylistPath, "r");
+    const int fd = OpenRegularFile(m_szPlaylistPath, O_RDONLY);
+    if (fd == eOpenFailed)
+        printf("Playlist file (%s) wouldn't open: %s\r\n", m_szPlaylistPath, strerror(errno));
+    if (fd < 0) {
+        m_szPlaylistPath[0] = '\0';
+        return fd == eOpenNotRegular ? eResultPathMissing : eResultCantOpenFile;
+    }
+    // Judged by its size before anything is read: a longer file cannot be
+    // a list the offset table holds, and reading it could take long.
+    struct stat st;
+    if (fstat(fd, &st) != 0 || st.st_size > kMaxPlaylistBytes) {
+        printf("Playlist file %s is %lld bytes long, more than a playlist can hold (%lld)\r\n", m_szPlaylistPath,
+               static_cast<long long>(st.st_size), static_cast<long long>(kMaxPlaylistBytes));
+        close(fd);
+        m_szPlaylistPath[0] = '\0';
+        return eResultPathMissing;
+    }
+    m_pFile = fdopen(fd, "r");
     if (!m_pFile) {
         printf("Playlist file (%s) wouldn't open: %s\r\n", m_szPlaylistPath, strerror(errno));
+        close(fd);
         m_szPlaylistPath[0] = '\0';
         return eResultCantOpenFile;
     }

@@ -10,6 +10,9 @@
 constexpr unsigned kPlaylistPathSize = 321;
 constexpr unsigned kPlaylistLineSize = 1025;
 constexpr unsigned kMaxPlaylistEntries = 65535;
+// The largest playlist file: every entry a full line of 1024 characters
+// with a CR LF ending.
+constexpr long long kMaxPlaylistBytes = 65535LL * (1024 + 2);
 
 // True when the path can be accessed; otherwise prints why and returns false.
 bool DoesFileExist(const char* name);

@@ -406,7 +406,7 @@ TEST_F(Playback, PlaylistsPlayGaplesslyAndAnswerEveryFailureWithItsLines)
                            ": empty path, file nonexistent, file empty?\r\n"});
     ASSERT_EQ(Cmd(0, eCmdStart), eResultSuccess);
 
-    const std::string sock = Path("sock"); // exists, but fopen refuses it
+    const std::string sock = Path("sock"); // exists, but is no regular file
     const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
@@ -419,7 +419,7 @@ TEST_F(Playback, PlaylistsPlayGaplesslyAndAnswerEveryFailureWithItsLines)
         {missing, true, eResultPathMissing,
          {"DoesFileExist: could not access() '" + missing + "': No such file or directory\r\n",
           "Playlist file " + missing + " doesn't exist\r\n"}},
-        {sock, true, eResultCantOpenFile, {"Playlist file (" + sock + ") wouldn't open: No such device or address\r\n"}},
+        {sock, true, eResultPathMissing, {sock + " is a socket, not a regular file\r\n"}},
     };
     for (const Case& k : cases) {
         mark = m_Server.OutputSize();
