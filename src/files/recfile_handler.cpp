@@ -8,11 +8,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 
 #include "app/info_files.h"
 #include "app/logging.h"
 #include "audio/src.h"
 #include "audio/zp_buffer.h"
+#include "files/regular_file.h"
 #include "app/globals.h"
 
 namespace {
@@ -125,7 +127,9 @@ enumZorPlayResult CRecFileHandler::SetupPrimary(structSetupFile* pSetup)
 enumZorPlayResult CRecFileHandler::SetupSecondary(structSetupFile* pSetup)
 {
     SerialLog(eLogFile, "Setting secondary names\r\n");
-    if (m_szPrimaryNames[0][0] == '\0')
+    // Names of a primary set-up that failed, or of a recording that has
+    // ended, are no primary: only an open set can roll over.
+    if (m_pSndFiles[0] == nullptr)
         return eResultNeedPrimary;
     // Only the names and the length are taken: the next files get the format
     // of the primary set.
@@ -192,11 +196,9 @@ bool CRecFileHandler::OpenFile()
             m_pSndFiles[0] = nullptr;
         }
         SerialLog(eLogFile, "Recorder attempting to open %s\r\n", m_szPrimaryNames[0]);
-        m_pSndFiles[0] = sf_open(m_szPrimaryNames[0], SFM_WRITE, &m_sfInfo);
-        if (m_pSndFiles[0] == nullptr) {
-            printf("Recorder couldn't open file %s: %s\r\n", m_szPrimaryNames[0], sf_strerror(nullptr));
+        m_pSndFiles[0] = OpenTarget(m_szPrimaryNames[0]);
+        if (m_pSndFiles[0] == nullptr)
             return false;
-        }
     } else {
         const unsigned nFiles = std::min(m_nChannels, kRecMaxChannels);
         for (unsigned i = 0; i < nFiles; ++i) {
@@ -204,11 +206,11 @@ bool CRecFileHandler::OpenFile()
                 sf_close(m_pSndFiles[i]);
                 m_pSndFiles[i] = nullptr;
             }
-            m_pSndFiles[i] = sf_open(m_szPrimaryNames[i], SFM_WRITE, &m_sfInfo);
+            m_pSndFiles[i] = OpenTarget(m_szPrimaryNames[i]);
             if (m_pSndFiles[i] == nullptr) {
-                // Files of the set opened before this one stay open until
-                // the next open or close.
-                printf("Recorder couldn't open file %s: %s\r\n", m_szPrimaryNames[i], sf_strerror(nullptr));
+                // No part of a set stays open: an open set is what lets a
+                // secondary set-up and a start go ahead.
+                CloseOpenFiles();
                 return false;
             }
         }
@@ -230,11 +232,33 @@ bool CRecFileHandler::OpenFile()
     return true;
 }
 
+// Record targets are regular files, created when missing; anything else
+// named (a FIFO, a device, a directory) is refused without blocking.
+SNDFILE* CRecFileHandler::OpenTarget(const char* name)
+{
+    const int fd = OpenRegularFile(name, O_WRONLY | O_CREAT | O_TRUNC);
+    if (fd == eOpenFailed) // in the words libsndfile uses for a failed system call
+        printf("Recorder couldn't open file %s: System error : %s.\r\n", name, strerror(errno));
+    if (fd < 0)
+        return nullptr;
+    SNDFILE* file = sf_open_fd(fd, SFM_WRITE, &m_sfInfo, SF_TRUE);
+    if (file == nullptr)
+        printf("Recorder couldn't open file %s: %s\r\n", name, sf_strerror(nullptr));
+    return file;
+}
+
 void CRecFileHandler::CloseFile()
 {
     strscpy(m_szCompletedName, m_szPrimaryNames[0], kRecNameSize);
     m_nCompletedFrames = m_nFramesWritten;
     m_nCompletedRate = static_cast<uint32_t>(m_sfInfo.samplerate);
+    CloseOpenFiles();
+    m_nFramesWritten = 0;
+    m_nMaxFrames = 0;
+}
+
+void CRecFileHandler::CloseOpenFiles()
+{
     for (unsigned i = 0; i < kRecMaxChannels; ++i) {
         if (m_pSndFiles[i] == nullptr)
             continue;
@@ -243,8 +267,6 @@ void CRecFileHandler::CloseFile()
         sf_close(m_pSndFiles[i]);
         m_pSndFiles[i] = nullptr;
     }
-    m_nFramesWritten = 0;
-    m_nMaxFrames = 0;
 }
 
 void CRecFileHandler::DiscardBuffered()

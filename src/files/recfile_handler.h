@@ -93,6 +93,10 @@ private:
     // Rewrites the header of every open file to cover what was written,
     // then pushes data and header to the storage.
     void RefreshHeaders();
+    // Opens one record target for writing with m_sfInfo; null after a line.
+    SNDFILE* OpenTarget(const char* name);
+    // Closes every open file of the set (synced), leaving the counters.
+    void CloseOpenFiles();
 
     unsigned m_nChannels;
     bool m_bInterleaved = true;
