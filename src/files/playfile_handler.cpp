@@ -171,7 +171,28 @@ enumZorPlayResult CPlayFileHandler::IndexNewPlaylist(structSetupPlaylist* setup)
             m_pNewPlaylist = new CPlaylist;
         list = m_pNewPlaylist;
     }
-    return list->SetupPlaylistFile(m_szPathScratch);
+    const enumZorPlayResult r = list->SetupPlaylistFile(m_szPathScratch);
+    if (r != eResultSuccess || list == m_pPlaylist)
+        return r;
+    // Installing the list ends the files in play, so a list none of whose
+    // entries opens is refused here, before they are touched. The list
+    // starts at the first entry that opens; those before it are reported
+    // as staging would report them.
+    unsigned index = 0;
+    while (list->GetNextPath(m_szPathScratch, index)) {
+        if (!DoesFileExist(m_szPathScratch)) {
+            printf(kNodeFailed, m_szPathScratch);
+            continue;
+        }
+        SF_INFO info;
+        if (SNDFILE* file = CPlayFile::OpenPlayable(m_szPathScratch, info)) {
+            sf_close(file);
+            list->Skip(false, static_cast<int>(index));
+            return eResultSuccess;
+        }
+    }
+    list->Reset();
+    return eResultCantOpenFile;
 }
 
 // The old files are cleared first, so that no slot keeps an open file the new
