@@ -8,8 +8,14 @@
 
 namespace {
 
-// Remembers that /tmp/info is known to exist so later writes skip mkdir.
-bool bInfoDirectoryExists = false;
+// The info directory, opened once it has been found fit to write into; -1
+// until then. Every info file is reached through it, never by path, so that
+// /tmp/info or a name in it swapped for a link cannot send a write elsewhere.
+int nInfoDirFD = -1;
+// This process made the directory (its mode then follows the umask).
+bool bInfoDirectoryCreated = false;
+// The line saying why the directory is not used is printed once.
+bool bInfoRefusalPrinted = false;
 
 // Formatted values of the number forms of SetInfo.
 char szIntInfo[32];
@@ -23,7 +29,77 @@ constexpr unsigned kInfoPathSize = 128;
 bool FormInfoPath(char (&path)[kInfoPathSize], const char* name)
 {
     int n = snprintf(path, sizeof(path), "%s/%s", kInfoDirectory, name);
-    return n >= 0 && static_cast<unsigned>(n) < sizeof(path);
+    return n >= 0 && static_cast<unsigned>(n) < sizeof(path) && !strchr(name, '/');
+}
+
+int RefuseInfoDirectory(const char* why)
+{
+    if (!bInfoRefusalPrinted)
+        printf("Info directory %s not used (%s): going on without info files\r\n", kInfoDirectory, why);
+    bInfoRefusalPrinted = true;
+    return -1;
+}
+
+// The directory is used only when it is a real directory (not a link) owned
+// by this process's user or by root that no one else may write to. One this
+// process has just made is used whatever the umask left it: nothing in it can
+// turn a write against us, as files are created afresh and renamed into place.
+int OpenInfoDirectory()
+{
+    if (nInfoDirFD >= 0)
+        return nInfoDirFD;
+    if (mkdir(kInfoDirectory, 0777) == 0)
+        bInfoDirectoryCreated = true;
+    else if (errno != EEXIST)
+        return -1;
+    const int fd = open(kInfoDirectory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return RefuseInfoDirectory(errno == ELOOP || errno == ENOTDIR ? "not a directory, or a link" : strerror(errno));
+    struct stat st;
+    const char* why = nullptr;
+    if (fstat(fd, &st) != 0)
+        why = strerror(errno);
+    else if (st.st_uid != geteuid() && st.st_uid != 0)
+        why = "owned by another user";
+    else if (!bInfoDirectoryCreated && ((st.st_mode & S_IWOTH) ||
+                                        ((st.st_mode & S_IWGRP) && st.st_gid != getegid() && st.st_gid != 0)))
+        why = "writable by others";
+    if (why) {
+        close(fd);
+        return RefuseInfoDirectory(why);
+    }
+    nInfoDirFD = fd;
+    return fd;
+}
+
+// A failed write forgets the directory, so that the next one looks again.
+int ForgetInfoDirectory(int result)
+{
+    if (nInfoDirFD >= 0)
+        close(nInfoDirFD);
+    nInfoDirFD = -1;
+    return result;
+}
+
+// Writes the text whole under a temporary name and renames it into place:
+// readers never see a partial value, and a link planted under either name is
+// replaced, never followed.
+int WriteInfoFile(int dir, const char* name, const char* text)
+{
+    char temp[kInfoPathSize];
+    snprintf(temp, sizeof(temp), ".%s.new", name);
+    unlinkat(dir, temp, 0); // a leftover of an earlier run, or planted
+    const int fd = openat(dir, temp, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+    if (fd < 0)
+        return eInfoCantOpen;
+    const size_t len = strlen(text);
+    const ssize_t written = write(fd, text, len);
+    close(fd);
+    if (renameat(dir, temp, dir, name) != 0) {
+        unlinkat(dir, temp, 0);
+        return eInfoCantOpen;
+    }
+    return written == static_cast<ssize_t>(len) ? eInfoOK : eInfoShortWrite;
 }
 
 int WriteText(const char* path, const char* text)
@@ -76,16 +152,7 @@ int GetInfoNumber(const char* name, T& value, const char* format, unsigned bufSi
 
 int CreateInfoDirectory()
 {
-    if (bInfoDirectoryExists)
-        return eInfoOK;
-    if (mkdir(kInfoDirectory, 0777) == 0)
-        return eInfoOK;
-    if (errno == EEXIST) {
-        bInfoDirectoryExists = true;
-        return eInfoOK;
-    }
-    bInfoDirectoryExists = false;
-    return eInfoNoDirectory;
+    return OpenInfoDirectory() >= 0 ? eInfoOK : eInfoNoDirectory;
 }
 
 int SetInfo(const char* name, const char* text)
@@ -95,15 +162,11 @@ int SetInfo(const char* name, const char* text)
     char path[kInfoPathSize];
     if (!FormInfoPath(path, name))
         return eInfoBadArgument;
-    if (!bInfoDirectoryExists && mkdir(kInfoDirectory, 0777) != 0) {
-        if (errno != EEXIST)
-            return eInfoNoDirectory;
-        bInfoDirectoryExists = true;
-    }
-    int result = WriteText(path, text);
-    if (result == eInfoCantOpen)
-        bInfoDirectoryExists = false; // try the directory again next time
-    return result;
+    const int dir = OpenInfoDirectory();
+    if (dir < 0)
+        return eInfoNoDirectory;
+    const int result = WriteInfoFile(dir, name, text);
+    return result == eInfoCantOpen ? ForgetInfoDirectory(result) : result;
 }
 
 int SetInfo(const char* name, int value)
@@ -174,7 +237,8 @@ int DeleteInfo(const char* name)
     char path[kInfoPathSize];
     if (!FormInfoPath(path, name))
         return eInfoBadArgument;
-    return unlink(path) == 0 ? eInfoOK : eInfoCantRemove;
+    const int dir = OpenInfoDirectory();
+    return dir >= 0 && unlinkat(dir, name, 0) == 0 ? eInfoOK : eInfoCantRemove;
 }
 
 int strscpy(char* dst, const char* src, unsigned size)
