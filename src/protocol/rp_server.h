@@ -4,6 +4,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <sys/types.h>
 #include <sys/un.h>
 
 #include "protocol/zor_play_msg.h"
@@ -32,10 +33,26 @@ public:
     void SendAsync(structZorPlayMsg& msg);
 
 private:
+    // Whether a datagram may go to the client path: its owner must be a user
+    // who may control the server, and a response goes only to a path of the
+    // request's sender (or of root). Any thread; responses on the main thread.
+    bool ClientMayHear(bool bResponse);
+
     bool m_bRunning;
     sockaddr_un m_ServerAddr;
     sockaddr_un m_ClientAddr;
     int m_nSocketFD;
     int m_nTimerFD;
     pthread_mutex_t m_AsyncLock;
+    // Sender of the request being answered; main thread.
+    uid_t m_nSenderUid;
+    bool m_bSenderKnown;
+    // The client path's owner as last judged, and the verdict, so that a
+    // refusal is printed once per owner (and once per owner and sender).
+    pthread_mutex_t m_OwnerLock;
+    uid_t m_nJudgedOwner;
+    bool m_bOwnerJudged;
+    bool m_bOwnerTrusted;
+    uid_t m_nRefusedSender;
+    bool m_bSenderRefused;
 };
