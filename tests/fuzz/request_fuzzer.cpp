@@ -1,0 +1,233 @@
+// Sequence fuzzer: seeded random request sequences, built from extremes, sent
+// to the real server over the real socket. Every request must get exactly one
+// well-formed answer and the server must live through every sequence and stop
+// cleanly (a sanitizer build fails on any report). ZP_FUZZ_SECONDS sets how
+// long the random run lasts (30 s unless set), ZP_FUZZ_SEED its seed.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <map>
+#include <random>
+#include <sstream>
+#include <sys/stat.h>
+
+#include <sndfile.h>
+
+#include "harness/server_fixture.h"
+
+namespace {
+
+constexpr enumZorPlayType R = eZorPlayRecorder, P = eZorPlayPlayer;
+constexpr int kSleep = -1; // a pause of v[0] ms, letting audio run between requests
+
+// One request. v by command: Create {channels, offset}; SetupFile {secondary,
+// seconds, format, rate, word, roll}; SetupPlayFile {secondary}; Skip
+// {relative, skip}; Seek {seconds}. Names are keys of the file pool. mangle:
+// 1 bad version, 2 bad length, 3 not a request, 4 a 100-byte and 5 a
+// 4000-byte datagram.
+struct Step {
+    int type, cmd, index, mangle;
+    std::vector<int64_t> v;
+    std::vector<std::string> names;
+};
+using Sequence = std::vector<Step>;
+
+// Sequences that once crashed the server, minimised.
+const Sequence kRegressions[] = {
+    // A secondary record set-up after a failed primary one was taken, and Start recorded without a buffer.
+    {{R, eCmdCreate, 3, 0, {2, 0}, {}}, {R, eCmdSetupFile, 3, 0, {0}, {"nodir"}},
+     {R, eCmdSetupFile, 3, 0, {1}, {"rec"}}, {R, eCmdStart, 3, 0, {}, {}}, {R, kSleep, 0, 0, {300}, {}}},
+};
+
+std::string Show(const Sequence& seq)
+{
+    std::ostringstream out;
+    for (const Step& s : seq) {
+        out << "{" << s.type << ", " << s.cmd << ", " << s.index << ", " << s.mangle << ", {";
+        for (int64_t x : s.v)
+            out << x << ", ";
+        out << "}, {";
+        for (const std::string& n : s.names)
+            out << '"' << n << "\", ";
+        out << "}}, ";
+    }
+    return out.str();
+}
+
+void WriteWav(const std::string& path, int rate, int channels, int frames)
+{
+    SF_INFO info = {0, rate, channels, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
+    SNDFILE* f = sf_open(path.c_str(), SFM_WRITE, &info);
+    std::vector<float> ramp(static_cast<size_t>(frames * channels), 0.25f);
+    sf_writef_float(f, ramp.data(), frames);
+    sf_close(f);
+}
+
+class Fuzz : public ServerTest {
+protected:
+    void SetUp() override
+    {
+        ServerTest::SetUp();
+        char dir[] = "/tmp/zp_fuzz_XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        m_Dir = dir;
+        const std::string d = m_Dir + "/";
+        m_Pool = {{"wav", d + "a.wav"}, {"wav44", d + "b.wav"}, {"1hz", d + "slow.wav"}, {"fast", d + "fast.wav"},
+                  {"text", d + "t.txt"}, {"fifo", d + "fifo"}, {"dir", m_Dir}, {"zero", "/dev/zero"},
+                  {"missing", d + "none"}, {"nodir", d + "none/x.wav"}, {"list", d + "l.m3u"},
+                  {"empty", ""}, {"rec", d + "r.wav"}, {"rec2", d + "r2.wav"}, {"null", "/dev/null"}, {"long", ""}};
+        WriteWav(m_Pool["wav"], 48000, 2, 12000);
+        WriteWav(m_Pool["wav44"], 44100, 1, 9000);
+        WriteWav(m_Pool["1hz"], 1, 2, 4);
+        WriteWav(m_Pool["fast"], INT_MAX, 2, 4);
+        FILE* f = fopen(m_Pool["text"].c_str(), "w");
+        fputs("not a sound file\n", f);
+        fclose(f);
+        ASSERT_EQ(mkfifo(m_Pool["fifo"].c_str(), 0600), 0);
+        f = fopen(m_Pool["list"].c_str(), "w");
+        for (const char* key : {"1hz", "wav", "fifo", "zero", "missing", "text", "wav44", "dir", "fast", "wav"})
+            fprintf(f, "%s\n# remark\n\n", m_Pool[key].c_str());
+        fclose(f);
+    }
+
+    void TearDown() override
+    {
+        ServerTest::TearDown();
+        std::filesystem::remove_all(m_Dir);
+    }
+
+    void Name(char* field, size_t size, const std::string& key)
+    {
+        if (key == "long")
+            memset(field, 'a', size); // no terminator
+        else
+            strncpy(field, m_Pool.count(key) ? m_Pool[key].c_str() : key.c_str(), size - 1);
+    }
+
+    // Sends one step; true when it got exactly one well-formed answer.
+    bool Send(const Step& s)
+    {
+        if (s.cmd == kSleep)
+            return usleep(static_cast<useconds_t>(s.v[0]) * 1000), true;
+        structZorPlayMsg m = m_Client.MakeRequest(static_cast<enumZorPlayType>(s.type),
+                                                  static_cast<enumZorPlayCmd>(s.cmd), s.index);
+        auto v = [&](size_t i) { return static_cast<int32_t>(i < s.v.size() ? s.v[i] : 0); };
+        unionZorPlayPayload& p = m.payload;
+        switch (s.cmd) {
+        case eCmdCreate: p.addModule = {v(0), v(1)}; break;
+        case eCmdSetupFile:
+            p.setupFile.bSecondary = v(0), p.setupFile.nFileSeconds = static_cast<uint32_t>(v(1));
+            p.setupFile.nFileFormat = v(2), p.setupFile.nSampleRate = static_cast<uint32_t>(v(3));
+            p.setupFile.nWordLength = v(4), p.setupFile.bRoll = v(5);
+            for (size_t i = 0; i < s.names.size() && i < kMaxRecordFiles; ++i)
+                Name(p.setupFile.szFilenames[i], kRecordFilenameSize, s.names[i]);
+            break;
+        case eCmdSetupPlayFile:
+            p.setupPlayFile.bSecondary = v(0);
+            Name(p.setupPlayFile.szFilename, kPlayFilenameFieldSize, s.names.empty() ? "" : s.names[0]);
+            break;
+        case eCmdSetupPlaylist: Name(p.setupPlaylist.szPlaylist, kPlaylistFieldSize, s.names[0]); break;
+        case eCmdSkipInPlaylist: p.skipInPlaylist = {v(0), v(1)}; break;
+        case eCmdSeek: p.seekOperation.nSeconds = v(0); break;
+        }
+        m.nVersion += s.mangle == 1;
+        m.nLength -= s.mangle == 2;
+        m.nReq += s.mangle == 3 ? 2 : 0;
+        std::vector<char> bytes(s.mangle == 4 ? 100 : s.mangle == 5 ? 4000 : sizeof(m));
+        memcpy(bytes.data(), &m, std::min(bytes.size(), sizeof(m)));
+        ++m_nRequests;
+        if (!m_Client.SendRaw(bytes.data(), bytes.size()))
+            return ADD_FAILURE() << "send failed", false;
+        for (;;) {
+            structZorPlayMsg in;
+            size_t len = 0;
+            if (!m_Client.ReceiveAny(in, 20000, &len))
+                return ADD_FAILURE() << "no answer to command " << s.cmd, false;
+            const bool unrequested = in.nReq == eReqUnrequested &&
+                                     (in.eCmd == eCmdFileProgress || in.eCmd == eCmdFileCompletion);
+            const bool answer = in.nReq == eReqResponse && in.nID == m.nID && in.eCmd == m.eCmd &&
+                                in.payload.eResult < eResultCount;
+            if (len != sizeof(in) || (!unrequested && !answer))
+                return ADD_FAILURE() << "stray or malformed datagram: " << len << " bytes, nReq " << in.nReq
+                                     << ", ID " << in.nID << " (sent " << m.nID << ")",
+                       false;
+            if (answer)
+                return true;
+        }
+    }
+
+    // Runs a sequence from a clean server; false (with the sequence shown) on a fault.
+    bool Run(const Sequence& seq)
+    {
+        ++m_nSequences;
+        bool ok = true;
+        for (const Step& s : seq)
+            if (!(ok = Send(s) && m_Server.Running()))
+                break;
+        ok = ok && Send({R, eCmdDeleteAll, 0, 0, {}, {}}) && Send({P, eCmdDeleteAll, 0, 0, {}, {}});
+        EXPECT_TRUE(ok) << "failing sequence: " << Show(seq) << "\n" << m_Server.Output();
+        return ok;
+    }
+
+    std::string m_Dir;
+    std::map<std::string, std::string> m_Pool;
+    long m_nRequests = 0, m_nSequences = 0;
+};
+
+template <typename T, size_t N>
+T Pick(std::mt19937& rng, const T (&from)[N])
+{
+    return from[rng() % N];
+}
+
+Step RandomStep(std::mt19937& rng)
+{
+    static const int kCmds[] = {0, 1, 1, 1, 2, 3, 3, 3, 4, 4, 5, 6, 7, 9, 11, 12, 13, 14, 14, 15, 16, 16, 16, 17,
+                                18, -2, kSleep};
+    static const int64_t kInts[] = {INT_MIN, -1, 0, 0, 1, 1, 2, 3, 7, 8, 9, 65535, INT_MAX};
+    static const char* const kNames[] = {"wav", "wav44", "1hz", "fast", "text", "fifo", "dir", "zero", "missing",
+                                         "nodir", "list", "empty", "rec", "rec2", "null", "long"};
+    Step s{static_cast<int>(rng() % 8 == 0 ? Pick(rng, kInts) : rng() % 2), Pick(rng, kCmds),
+           static_cast<int>(rng() % 8 == 0 ? Pick(rng, kInts) : rng() % 3), rng() % 16 == 0 ? int(rng() % 6) : 0,
+           {}, {}};
+    for (int i = 0; i < 6; ++i)
+        s.v.push_back(rng() % 3 == 0 ? Pick(rng, kInts) : static_cast<int64_t>(rng() % 3));
+    if (s.cmd == eCmdCreate)
+        s.v[0] = rng() % 4 == 0 ? Pick(rng, kInts) : 1 + rng() % 8;
+    if (s.cmd == kSleep)
+        s.v[0] = rng() % 400;
+    for (unsigned i = rng() % 9; i > 0; --i)
+        s.names.push_back(Pick(rng, kNames));
+    if (s.names.empty())
+        s.names.push_back("wav");
+    return s;
+}
+
+} // namespace
+
+TEST_F(Fuzz, Regressions)
+{
+    for (const Sequence& seq : kRegressions)
+        Run(seq);
+}
+
+TEST_F(Fuzz, RandomSequences)
+{
+    const char* secondsText = getenv("ZP_FUZZ_SECONDS");
+    const char* seedText = getenv("ZP_FUZZ_SEED");
+    const long seconds = secondsText ? atol(secondsText) : 30;
+    const unsigned seed = seedText ? static_cast<unsigned>(atol(seedText)) : std::random_device()();
+    std::mt19937 rng(seed);
+    const time_t end = time(nullptr) + seconds;
+    while (time(nullptr) < end) {
+        Sequence seq(2 + rng() % 10);
+        for (Step& s : seq)
+            s = RandomStep(rng);
+        if (!Run(seq))
+            break;
+    }
+    printf("fuzz: seed %u, %ld sequences, %ld requests\n", seed, m_nSequences, m_nRequests);
+}
