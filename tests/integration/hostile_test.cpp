@@ -1,0 +1,176 @@
+// Hostile requests, files and local users: no crash, no hang, no file of
+// root's overwritten, no control or replies for users outside the server's
+// user and group. The other user is uid 65534 through setpriv; those tests
+// need root and run in a private /tmp, which this process enters at start.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sndfile.h>
+
+#include "harness/server_fixture.h"
+#include "protocol/rp_server.h"
+
+namespace {
+
+int Datagram(const char* bindTo)
+{
+    const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, bindTo ? bindTo : "", sizeof(addr.sun_path) - 1);
+    if (bindTo && bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0)
+        return -1;
+    return fd;
+}
+
+// A request from a socket of its own; 0 or the errno of the send.
+int SendRequest(int fd, enumZorPlayType type, enumZorPlayCmd cmd, int index)
+{
+    structZorPlayMsg msg = {};
+    msg.nLength = sizeof(msg), msg.eType = type, msg.eCmd = cmd, msg.nIndex = index;
+    msg.payload.addModule.nChannels = 2;
+    sockaddr_un to = {};
+    to.sun_family = AF_UNIX;
+    strncpy(to.sun_path, kServerSocketPath, sizeof(to.sun_path) - 1);
+    return sendto(fd, &msg, sizeof(msg), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)) < 0 ? errno : 0;
+}
+
+// This binary run again as the other user: "send" a Hello (exit status 0 or
+// errno), or "listen" on the client path (exit status 1 if anything came).
+const int kOtherUserRole = [] {
+    const char* role = getenv("ZP_OTHER_USER");
+    if (!role)
+        return 0;
+    if (strcmp(role, "send") == 0)
+        _exit(SendRequest(Datagram(nullptr), eZorPlayRecorder, eCmdHello, 0));
+    const int fd = Datagram(kClientSocketPath);
+    timeval wait = {3, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait));
+    char byte;
+    _exit(fd < 0 ? 2 : recv(fd, &byte, 1, 0) > 0 ? 1 : 0);
+}();
+
+class Hostile : public ServerTest {
+protected:
+    // As root, the suite gets a /tmp, /dev/shm and message-queue space of its own.
+    static void SetUpTestSuite()
+    {
+        s_bPrivate = geteuid() == 0 && unshare(CLONE_NEWNS | CLONE_NEWIPC) == 0 &&
+                     mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                     mount("none", "/tmp", "tmpfs", 0, nullptr) == 0 && mount("none", "/dev/shm", "tmpfs", 0, nullptr) == 0;
+        if (s_bPrivate)
+            std::ofstream("/proc/sys/fs/mqueue/msg_max") << 256;
+        ServerTest::SetUpTestSuite();
+    }
+    // Starts argv as uid 65534; argv empty: this binary in the given role.
+    static void StartAsOtherUser(ChildProcess& other, std::vector<std::string> argv, const std::string& role = "")
+    {
+        if (argv.empty())
+            argv.push_back(std::filesystem::read_symlink("/proc/self/exe"));
+        argv.insert(argv.begin(), {"/usr/bin/setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups"});
+        EXPECT_TRUE(other.Start(argv, {"ZP_OTHER_USER=" + role}));
+    }
+    static int AsOtherUser(std::vector<std::string> argv, const std::string& role = "")
+    {
+        ChildProcess other;
+        StartAsOtherUser(other, argv, role);
+        return other.WaitExit(20000);
+    }
+    static bool s_bPrivate;
+    const std::string m_Dir = "/tmp/zp_hostile_" + std::to_string(getpid());
+};
+bool Hostile::s_bPrivate = false;
+
+#define NEEDS_ROOT()                                                                                             \
+    if (!s_bPrivate)                                                                                             \
+    GTEST_SKIP() << "needs root for a second user and a private /tmp"
+
+} // namespace
+
+TEST_F(Hostile, FailedSetupsLeaveNothingToStartAndBadFilesAreRefusedAtOnce)
+{
+    std::filesystem::create_directories(m_Dir);
+    structSetupFile rec = {};
+    auto recSetup = [&](int secondary, const std::string& name) {
+        rec.bSecondary = secondary;
+        strncpy(rec.szFilenames[0], name.c_str(), kRecordFilenameSize - 1);
+        return Cmd(eZorPlayRecorder, eCmdSetupFile, 3, &rec, sizeof(rec));
+    };
+    EXPECT_EQ(Create(eZorPlayRecorder, 3, 2, 0), eResultSuccess);
+    EXPECT_EQ(recSetup(0, m_Dir + "/none/x.wav"), eResultCantOpenFile);
+    EXPECT_EQ(recSetup(1, m_Dir + "/x.wav"), eResultNeedPrimary);
+    EXPECT_EQ(Cmd(eZorPlayRecorder, eCmdStart, 3), eResultNoFile);
+
+    // A FIFO, a device and a WAV file at 1 Hz: each refused with a line,
+    // and the server answers the Hello behind it.
+    const std::string fifo = m_Dir + "/fifo", slow = m_Dir + "/slow.wav";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    SF_INFO info = {0, 1, 2, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
+    sf_close(sf_open(slow.c_str(), SFM_WRITE, &info));
+    EXPECT_EQ(Create(eZorPlayPlayer, 0, 2, 0), eResultSuccess);
+    struct Case { enumZorPlayType type; enumZorPlayCmd cmd; std::string path; int result; std::string line; };
+    const Case cases[] = {
+        {eZorPlayPlayer, eCmdSetupPlayFile, fifo, 29, fifo + " is a FIFO, not a regular file\r\n"},
+        {eZorPlayPlayer, eCmdSetupPlaylist, fifo, 30, fifo + " is a FIFO, not a regular file\r\n"},
+        {eZorPlayPlayer, eCmdSetupPlaylist, "/dev/zero", 30, "/dev/zero is a character device, not a regular file\r\n"},
+        {eZorPlayRecorder, eCmdSetupFile, fifo, 29, fifo + " is a FIFO, not a regular file\r\n"},
+        {eZorPlayPlayer, eCmdSetupPlayFile, slow, 29, slow + ": a rate of 1 Hz cannot be converted to 48000 Hz\r\n"},
+    };
+    for (const Case& k : cases) {
+        unionZorPlayPayload payload = {};
+        char* name = k.cmd == eCmdSetupPlaylist ? payload.setupPlaylist.szPlaylist
+                     : k.cmd == eCmdSetupFile   ? payload.setupFile.szFilenames[0]
+                                                : payload.setupPlayFile.szFilename;
+        strcpy(name, k.path.c_str());
+        const int slot = k.type == eZorPlayPlayer ? 0 : 3;
+        EXPECT_TRUE(Prints([&] { return Cmd(k.type, k.cmd, slot, &payload, sizeof(payload)); }, k.result, k.line));
+        EXPECT_EQ(Cmd(eZorPlayRecorder, eCmdHello, 0), eResultSuccess);
+    }
+    std::filesystem::remove_all(m_Dir);
+}
+
+TEST_F(Hostile, OtherUsersNeitherOverwriteRootsFilesNorControlNorListen)
+{
+    NEEDS_ROOT();
+    // A /tmp/info planted with a link to a file of root's.
+    ASSERT_EQ(m_Server.Stop(), 0);
+    std::filesystem::remove_all("/tmp/info");
+    std::ofstream("/tmp/secret") << "secret";
+    chmod("/tmp/secret", 0600);
+    ASSERT_EQ(AsOtherUser({"/bin/sh", "-c", "mkdir /tmp/info && ln -s /tmp/secret /tmp/info/zor_play_pid"}), 0);
+    const mode_t mask = umask(0);
+    StartServer({});
+    umask(mask);
+    EXPECT_TRUE(m_Server.WaitForOutput("Info directory /tmp/info not used (owned by another user)", 5000));
+    std::stringstream secret;
+    secret << std::ifstream("/tmp/secret").rdbuf();
+    EXPECT_EQ(secret.str(), "secret");
+
+    // Under umask 000 the socket admits the server's user and group only.
+    struct stat st;
+    ASSERT_EQ(stat(kServerSocketPath, &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0660u);
+    EXPECT_EQ(AsOtherUser({}, "send"), EACCES);
+
+    // A client path bound by the other user hears nothing; requests are still carried out.
+    m_Client.Close();
+    unlink(kClientSocketPath);
+    ChildProcess listener;
+    StartAsOtherUser(listener, {}, "listen");
+    ASSERT_TRUE(WaitUntil([] { return FileExists(kClientSocketPath); }, 10000));
+    const int fd = Datagram(nullptr);
+    EXPECT_EQ(SendRequest(fd, eZorPlayPlayer, eCmdCreate, 0), 0);
+    close(fd);
+    EXPECT_TRUE(m_Server.WaitForOutput("belongs to uid 65534, who may not control this server", 10000));
+    EXPECT_EQ(listener.WaitExit(20000), 0) << "the other user received a datagram";
+    ASSERT_TRUE(m_Client.Open());
+    EXPECT_EQ(Create(eZorPlayPlayer, 0, 2, 0), eResultSlotOccupied);
+}
