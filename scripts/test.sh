@@ -21,10 +21,17 @@ echo "== build without tests, installation and package"
 
 echo "== address + undefined behaviour sanitizers"
 zp_build asan asan
-ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
-LSAN_OPTIONS=suppressions="$ZP_ROOT/tests/lsan.supp":print_suppressions=0 \
-UBSAN_OPTIONS=print_stacktrace=1 \
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+export LSAN_OPTIONS=suppressions="$ZP_ROOT/tests/lsan.supp":print_suppressions=0
+export UBSAN_OPTIONS=print_stacktrace=1
 run_ctest asan
+
+# Random request sequences against the sanitized server; ZP_FUZZ_SECONDS
+# makes the run longer (ZP_FUZZ_SEED repeats one).
+echo "== request fuzzer (${ZP_FUZZ_SECONDS:=30} s, sanitized server)"
+ZP_FUZZ_SECONDS=$ZP_FUZZ_SECONDS ZOR_PLAY_BIN="$ZP_ROOT/build/asan/zor_play" \
+  "$ZP_ROOT/build/asan/tests/fuzz/request_fuzzer" --gtest_filter=Fuzz.RandomSequences
+unset ASAN_OPTIONS LSAN_OPTIONS UBSAN_OPTIONS
 
 echo "== thread sanitizer (unit and stress tests)"
 zp_build tsan tsan
