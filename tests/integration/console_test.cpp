@@ -1,111 +1,80 @@
 // The interactive console driven through a pipe on its standard input.
-#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 
 #include <csignal>
 #include <cstring>
 #include <map>
-#include <poll.h>
-#include <sys/stat.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 #include "harness/server_fixture.h"
 #include "protocol/rp_server.h"
 
 namespace {
 
-sockaddr_un Address(const char* path)
-{
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    strcpy(addr.sun_path, path);
-    return addr;
-}
-
-// Takes the server's socket path over, so that what the console sends
-// arrives here and can be checked field by field; answers go back to the
-// console's own client path.
-class StolenServerPath {
-public:
-    ~StolenServerPath()
-    {
-        if (m_nFD >= 0)
-            close(m_nFD);
-    }
-    bool Bind()
-    {
-        unlink(kServerSocketPath);
-        m_nFD = socket(AF_UNIX, SOCK_DGRAM, 0);
-        const sockaddr_un addr = Address(kServerSocketPath);
-        return m_nFD >= 0 && bind(m_nFD, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) == 0;
-    }
-    bool Receive(structZorPlayMsg& msg, int timeoutMs = 5000)
-    {
-        pollfd pfd{m_nFD, POLLIN, 0};
-        memset(&msg, 0, sizeof(msg));
-        return poll(&pfd, 1, timeoutMs) > 0 && recv(m_nFD, &msg, sizeof(msg), 0) == static_cast<ssize_t>(sizeof(msg));
-    }
-    bool SendToConsole(const structZorPlayMsg& msg)
-    {
-        const sockaddr_un addr = Address(kClientSocketPath);
-        return sendto(m_nFD, &msg, sizeof(msg), 0, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) ==
-               static_cast<ssize_t>(sizeof(msg));
-    }
-
-private:
-    int m_nFD = -1;
-};
-
-class Console : public ::testing::Test {
+class Console : public ServerTest {
 protected:
-    static void SetUpTestSuite()
-    {
-        s_pJack = std::make_unique<JackServer>();
-        ASSERT_TRUE(s_pJack->Start());
-    }
-    static void TearDownTestSuite() { s_pJack.reset(); }
-
+    void SetUp() override {}
     void StartConsole(const std::vector<std::string>& extraArgs = {})
     {
         std::vector<std::string> args{"-i", "-s"};
         args.insert(args.end(), extraArgs.begin(), extraArgs.end());
-        ASSERT_TRUE(m_Server.Start(args, s_pJack->Name(), true));
+        ASSERT_TRUE(m_Server.Start(args, JackName(), true));
         ASSERT_TRUE(m_Server.WaitForOutput("x - halt everything and exit\r\n\r\n> ", 10000)) << m_Server.Output();
         ASSERT_TRUE(WaitUntil([] { return FileExists(kServerSocketPath) && FileExists(kClientSocketPath); }, 5000));
     }
-
-    // Types a line and returns what the stolen server path received, if anything.
+    // Takes the server's socket path over, so that what the console sends
+    // arrives here; answers go back to the console's own client path.
+    void StealServerPath()
+    {
+        unlink(kServerSocketPath);
+        m_nStolen = socket(AF_UNIX, SOCK_DGRAM, 0);
+        const sockaddr_un addr = UnixAddress(kServerSocketPath);
+        ASSERT_EQ(bind(m_nStolen, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)), 0);
+    }
+    bool Receive(structZorPlayMsg& msg, int timeoutMs = 5000)
+    {
+        pollfd pfd{m_nStolen, POLLIN, 0};
+        return poll(&pfd, 1, timeoutMs) > 0 && recv(m_nStolen, &msg, sizeof(msg), 0) == sizeof(msg);
+    }
+    // Types a line; true when the stolen server path received a request.
     bool Type(const std::string& line, structZorPlayMsg& msg, int timeoutMs = 5000)
     {
         EXPECT_TRUE(m_Server.WriteInput(line + "\n"));
-        return m_Stolen.Receive(msg, timeoutMs);
+        return Receive(msg, timeoutMs);
+    }
+    void ExpectPrinted(const structZorPlayMsg& msg, const std::string& text)
+    {
+        const sockaddr_un addr = UnixAddress(kClientSocketPath);
+        ASSERT_EQ(sendto(m_nStolen, &msg, sizeof(msg), 0, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)),
+                  static_cast<ssize_t>(sizeof(msg)));
+        EXPECT_TRUE(m_Server.WaitForOutput(text)) << m_Server.Output();
+    }
+    void TearDown() override
+    {
+        if (m_nStolen >= 0)
+            close(m_nStolen);
+        ServerTest::TearDown();
     }
 
-    static std::unique_ptr<JackServer> s_pJack;
-    ZorPlayProcess m_Server;
-    StolenServerPath m_Stolen;
+    int m_nStolen = -1;
 };
-
-std::unique_ptr<JackServer> Console::s_pJack;
 
 } // namespace
 
+// Each command line sends its request (header fields, payload words by index
+// and the file name where there is one); parse errors send nothing, print
+// their line and use no request id; end of input sends Exit.
 TEST_F(Console, EachCommandSendsItsRequestAndParseErrorsSendNothing)
 {
     StartConsole();
-    ASSERT_TRUE(m_Stolen.Bind());
+    StealServerPath();
     structZorPlayMsg m;
-
-    // Parse errors send nothing and use no request id.
     for (const char* bad : {"GO", "go 0", "go 0 1 2", "# go 0 1", "", "sf x 0 name", "sp 1 y list"})
         EXPECT_FALSE(Type(bad, m, 300)) << "'" << bad << "' sent something";
-    for (const char* line : {"No valid command found.\r\n", "Too few parameters for command\r\n",
-                             "Too many parameters for command\n", "First param not integer\r\n"})
-        EXPECT_TRUE(m_Server.WaitForOutput(line, 5000)) << line;
-
-    // Header fields, payload words by index, and the file name where there
-    // is one (after two words in a record set-up, one otherwise). Request
-    // ids count from 0.
+    EXPECT_TRUE(Printed(0, {"No valid command found.\r\n", "Too few parameters for command\r\n",
+                            "Too many parameters for command\n", "First param not integer\r\n"}));
     const struct {
         const char* line;
         enumZorPlayCmd cmd;
@@ -141,13 +110,9 @@ TEST_F(Console, EachCommandSendsItsRequestAndParseErrorsSendNothing)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
         ASSERT_TRUE(Type(c.line, m));
-        EXPECT_EQ(m.nVersion, 0u);
-        EXPECT_EQ(m.nLength, kZorPlayMsgSize);
-        EXPECT_EQ(m.nReq, eReqRequest);
-        EXPECT_EQ(m.nID, id++);
-        EXPECT_EQ(m.eCmd, c.cmd);
-        EXPECT_EQ(m.eType, c.type);
-        EXPECT_EQ(m.nIndex, c.index);
+        structZorPlayMsg want;
+        InitRequest(want, id++, static_cast<enumZorPlayType>(c.type), c.cmd, c.index);
+        EXPECT_EQ(memcmp(&m, &want, 28), 0) << "header";
         const char* payload = reinterpret_cast<const char*>(&m.payload);
         for (const auto& w : c.words) {
             int32_t word;
@@ -158,101 +123,78 @@ TEST_F(Console, EachCommandSendsItsRequestAndParseErrorsSendNothing)
             EXPECT_STREQ(payload + (c.cmd == eCmdSetupFile ? 8 : 4), c.name);
         }
     }
-    EXPECT_TRUE(m_Server.WaitForOutput("Parameters not both integer\r\n", 5000));
-
-    // End of input halts like "x".
+    EXPECT_TRUE(m_Server.WaitForOutput("Parameters not both integer\r\n"));
     m_Server.CloseInput();
-    ASSERT_TRUE(m_Stolen.Receive(m));
+    ASSERT_TRUE(Receive(m));
     EXPECT_EQ(m.eCmd, eCmdExit);
     EXPECT_EQ(m.nID, id);
-    EXPECT_EQ(m_Server.Stop(), 0);
 }
 
+// Responses and unrequested messages are printed as they come.
 TEST_F(Console, PrintsResponsesAndUnrequestedMessages)
 {
     StartConsole();
-    ASSERT_TRUE(m_Stolen.Bind());
+    StealServerPath();
     structZorPlayMsg m;
     ASSERT_TRUE(Type("go 0 1", m));
-    auto expectPrinted = [&](const structZorPlayMsg& msg, const std::string& text) {
-        ASSERT_TRUE(m_Stolen.SendToConsole(msg));
-        EXPECT_TRUE(m_Server.WaitForOutput(text, 5000)) << m_Server.Output();
-    };
-
     m.nReq = eReqResponse;
     memset(&m.payload, 0, sizeof(m.payload));
     m.payload.eResult = eResultNoFile;
-    expectPrinted(m, "Response to id:0, status: 11-Module has no file\r\n");
-
+    ExpectPrinted(m, "Response to id:0, status: 11-Module has no file\r\n");
     InitUnrequested(m, eZorPlayPlayer, eCmdFileProgress, 2);
     m.payload.fileProgress = {4, 5, 15, 20, 37, 1, 9, 22, 3};
-    expectPrinted(m, "Player[2]: Running progress->#####               <- idx[03] (5/20) Buffer  37%, Runs 1, u's: 22,9\r\n");
+    ExpectPrinted(m, "Player[2]: Running progress->#####               <- idx[03] (5/20) Buffer  37%, Runs 1, u's: 22,9\r\n");
     InitUnrequested(m, eZorPlayRecorder, eCmdFileProgress, 1);
     m.payload.fileProgress = {6, 3, 0, 0, 100, 0, 0, 0, 0};
-    expectPrinted(m, "Recorder[1]: Draining progress->                    <- (3/0) Buffer 100%, Runs 0, u's: 0,0\r\n");
-
+    ExpectPrinted(m, "Recorder[1]: Draining progress->                    <- (3/0) Buffer 100%, Runs 0, u's: 0,0\r\n");
     InitUnrequested(m, eZorPlayPlayer, eCmdFileCompletion, 0);
     structFileCompletion& done = m.payload.fileCompletion;
     strcpy(done.szFilename, "a.wav");
     strcpy(done.szNewFilename, "b.wav");
     done.nLength = 12, done.bRolled = 1, done.nXRuns = 2, done.nIndex = 4, done.nNewIndex = 5;
-    expectPrinted(m, "Player[0] File Complete: a.wav, [04]\r\n\tLength: 12 Sec\r\n\tXRuns: 2\r\n"
+    ExpectPrinted(m, "Player[0] File Complete: a.wav, [04]\r\n\tLength: 12 Sec\r\n\tXRuns: 2\r\n"
                      "\tRolled to new file: b.wav[05]\r\n");
     InitUnrequested(m, eZorPlayRecorder, eCmdFileCompletion, 3);
     strcpy(done.szFilename, "r.wav");
-    expectPrinted(m, "Recorder[3] File Complete: r.wav\r\n\tLength: 0 Sec\r\n\tXRuns: 0\r\n"
-                     "\tDid not roll on completion.\r\n");
-
+    ExpectPrinted(m, "Recorder[3] File Complete: r.wav\r\n\tLength: 0 Sec\r\n\tXRuns: 0\r\n\tDid not roll on completion.\r\n");
     InitRequest(m, 77, eZorPlayRecorder, eCmdStop, 0);
-    expectPrinted(m, "Client got 3236 byte UD message, ID=77, cmd=5, req=0 \r\n");
-    EXPECT_EQ(m_Server.Stop(), 0);
+    ExpectPrinted(m, "Client got 3236 byte UD message, ID=77, cmd=5, req=0 \r\n");
 }
 
+// Against the real server: echo, the module and log tables, log toggles, and
+// end of input ending the whole process. A second -i keeps the console but
+// turns its log category off again.
 TEST_F(Console, AgainstTheRealServer)
 {
-    // A second -i keeps the console but turns its log category off again.
     StartConsole({"-e", "-i"});
-    // The module table comes from the server's thread and the log table
-    // from the console's: the second is asked for once the first is out
-    // (the answer to "ls" follows its table).
+    // The module table comes from the server's thread and the log table from
+    // the console's: the second is asked for once the first is out.
     ASSERT_TRUE(m_Server.WriteInput("h\nls\n"));
-    ASSERT_TRUE(m_Server.WaitForOutput("Response to id:1, status: 0-Operation successful\r\n", 10000))
-        << m_Server.Output();
+    ASSERT_TRUE(m_Server.WaitForOutput("Response to id:1, status: 0-Operation successful\r\n", 10000));
     ASSERT_TRUE(m_Server.WriteInput("tl 8\ntl 8\nsl\n"));
-    ASSERT_TRUE(m_Server.WaitForOutput("\t 64 - 0 - INTERACTIVE\n\n", 10000)) << m_Server.Output();
-    const std::string out = m_Server.Output();
-    EXPECT_NE(out.find("> h\n"), std::string::npos) << "-e echoes each line";
-    EXPECT_NE(out.find("Response to id:0, status: 0-Operation successful\r\n"), std::string::npos);
-    EXPECT_NE(out.find("Recorders:\r\n\t[0]: is empty.\r\n"), std::string::npos);
-    EXPECT_NE(out.find("Enabled logging for category 8 \r\n"), std::string::npos);
-    EXPECT_NE(out.find("Disabled logging for category 8 \r\n"), std::string::npos);
-    EXPECT_NE(out.find("          Category\n          |   Enabled\n          |   |   Name\n"
-                       "\t  1 - 0 - JACK\n\t  2 - 0 - CREATION\n\t  4 - 0 - RUNTIME\n\t  8 - 0 - FILE\n"
-                       "\t 16 - 0 - MESSAGING\n\t 32 - 0 - PERFORMANCE\n\t 64 - 0 - INTERACTIVE\n\n"),
-              std::string::npos)
-        << out;
-
-    // End of input sends Exit: the whole process ends cleanly.
+    EXPECT_TRUE(Printed(0, {"> h\n", "Response to id:0, status: 0-Operation successful\r\n",
+                            "Recorders:\r\n\t[0]: is empty.\r\n", "Enabled logging for category 8 \r\n",
+                            "Disabled logging for category 8 \r\n",
+                            "          Category\n          |   Enabled\n          |   |   Name\n"
+                            "\t  1 - 0 - JACK\n\t  2 - 0 - CREATION\n\t  4 - 0 - RUNTIME\n\t  8 - 0 - FILE\n"
+                            "\t 16 - 0 - MESSAGING\n\t 32 - 0 - PERFORMANCE\n\t 64 - 0 - INTERACTIVE\n\n"}));
     m_Server.CloseInput();
     EXPECT_EQ(m_Server.WaitExit(10000), 0) << m_Server.Output();
 }
 
-TEST_F(Console, InterruptEndsTheProcessWhileTheConsoleWaitsForInput)
+// An interrupt ends the process while the console waits for input; without
+// its socket the console does not start and shutdown still ends.
+TEST_F(Console, InterruptAndAMissingSocketEndCleanly)
 {
     StartConsole();
-    ASSERT_TRUE(m_Server.WaitUntilIdle(5000));
+    ASSERT_TRUE(m_Server.WaitUntilIdle());
     m_Server.Signal(SIGINT);
     EXPECT_EQ(m_Server.WaitExit(10000), 0) << m_Server.Output();
     EXPECT_FALSE(FileExists(kClientSocketPath)) << "the console removes its socket file";
-}
 
-TEST_F(Console, WithoutItsSocketTheConsoleDoesNotStartAndShutdownStillEnds)
-{
-    rmdir(kClientSocketPath);
     ASSERT_EQ(mkdir(kClientSocketPath, 0700), 0) << "a directory where the console binds";
-    ASSERT_TRUE(m_Server.Start({"-i", "-s"}, s_pJack->Name(), true));
-    EXPECT_TRUE(m_Server.WaitForOutput("Can't bind unix socket '/tmp/recorder_unix_socket_client': ", 10000))
-        << m_Server.Output();
+    ASSERT_TRUE(m_Server.Start({"-i", "-s"}, JackName(), true));
+    EXPECT_TRUE(m_Server.WaitForOutput("Can't bind unix socket '/tmp/recorder_unix_socket_client': ", 10000));
     EXPECT_EQ(m_Server.Stop(), 0) << m_Server.Output();
     EXPECT_EQ(m_Server.Output().find("Command Menu"), std::string::npos);
     rmdir(kClientSocketPath);

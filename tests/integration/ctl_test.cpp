@@ -1,7 +1,6 @@
 // zor_play_ctl and the C example driven against the real server: answers and
 // exit codes, a waited-for completion, a recording, and the one reply path
 // that only one live client may hold.
-#include <sndfile.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -24,23 +23,8 @@ protected:
     void SetUp() override
     {
         ServerTest::SetUp();
-        char dir[] = "/tmp/zp_ctl_XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_Dir = dir;
-        SF_INFO info{0, 48000, 2, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
-        SNDFILE* f = sf_open(Path("one.wav").c_str(), SFM_WRITE, &info);
-        ASSERT_NE(f, nullptr);
-        std::vector<float> frames(2 * 48000, 0.25f);
-        sf_writef_float(f, frames.data(), 48000);
-        sf_close(f);
+        ASSERT_TRUE(WriteSound(Path("one.wav"), 2, 48000, SF_FORMAT_PCM_16, 48000, [](uint32_t, unsigned) { return 0.25f; }));
     }
-    void TearDown() override
-    {
-        ServerTest::TearDown();
-        system(("rm -rf " + m_Dir).c_str());
-    }
-    std::string Path(const std::string& name) const { return m_Dir + "/" + name; }
-
     // Runs the program named by the environment variable with args.
     static Result Run(const char* binaryVariable, std::vector<std::string> args)
     {
@@ -49,11 +33,9 @@ protected:
         ChildProcess p;
         EXPECT_TRUE(p.Start(args)) << binaryVariable;
         const int status = p.WaitExit(30000);
-        return {status, p.Output(), p.ErrorOutput()};
+        return {status, p.Output(), p.Output(0, true)};
     }
     static Result Ctl(const std::vector<std::string>& args) { return Run("ZOR_PLAY_CTL_BIN", args); }
-
-    std::string m_Dir;
 };
 
 ::testing::AssertionResult Says(const Result& r, int status, const std::string& text)
@@ -110,10 +92,8 @@ TEST_F(CtlTest, OnlyOneLiveClientHoldsTheReplyPath)
     // A file left by a client that died is taken over.
     m_Client.Close();
     const int stale = socket(AF_UNIX, SOCK_DGRAM, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    strcpy(addr.sun_path, kClientSocketPath);
-    ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    const sockaddr_un addr = UnixAddress(kClientSocketPath);
+    ASSERT_EQ(bind(stale, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)), 0);
     close(stale);
     EXPECT_TRUE(Says(Ctl({"hello"}), 0, "Hello: 0 Operation successful"));
     EXPECT_FALSE(FileExists(kClientSocketPath)) << "the command leaves no reply path behind";

@@ -1,8 +1,8 @@
 // The handshake that keeps the real-time side off a buffer while the worker
-// flushes it. The worker parks the reader (with a nested park inside, which
-// must leave the outer one in force), moves to a new generation and rewrites
-// a plain block with it, over and over, while the reader reads the block in
-// cycles of odd sizes. The reader must never see a sample of an older
+// flushes it. The worker parks the reader, moves to a new generation inside a
+// nested park and rewrites a plain block with it after the nested park ends
+// (so an inner release that freed the reader would show), over and over,
+// while the reader reads the block in cycles of odd sizes. The reader must never see a sample of an older
 // generation, and (under ThreadSanitizer) no access to the block may race.
 #include <gtest/gtest.h>
 

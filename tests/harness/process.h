@@ -1,0 +1,87 @@
+// Child processes for the integration tests, a private jackd with the dummy
+// backend and zor_play, their output captured in memory files.
+#pragma once
+
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+// Polls cond every 10 ms until it holds or the deadline passes.
+template <typename Cond>
+bool WaitUntil(Cond cond, int timeoutMs)
+{
+    for (int waited = 0; !cond(); waited += 10) {
+        if (waited >= timeoutMs)
+            return false;
+        usleep(10000);
+    }
+    return true;
+}
+
+bool FileExists(const std::string& path);
+std::string ReadFile(const std::string& path);
+void WriteFile(const std::string& path, const std::string& text);
+// Entries of a folder (e.g. /proc/<pid>/fd); -1 when it cannot be read.
+int CountEntries(const std::string& dir, std::vector<std::string>* names = nullptr);
+
+class ChildProcess {
+public:
+    ChildProcess() = default;
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    // argv[0] is the program path; env entries ("NAME=value") are added to
+    // ours. Standard input is /dev/null unless pipeInput (see WriteInput).
+    bool Start(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
+               bool pipeInput = false);
+    bool WriteInput(const std::string& text);
+    void CloseInput();
+    bool Running() const { return m_Pid > 0; }
+    pid_t Pid() const { return m_Pid; }
+    void Signal(int sig);
+    // Exit status (0-255), 128+signal when killed, -1 on timeout.
+    int WaitExit(int timeoutMs);
+    // SIGTERM, then SIGKILL; the exit status.
+    int Terminate(int timeoutMs = 5000);
+
+    // Standard output (from byte from on), or standard error.
+    std::string Output(size_t from = 0, bool error = false) const;
+    size_t OutputSize() const { return Output().size(); }
+    bool WaitForOutput(const std::string& text, int timeoutMs = 5000, size_t from = 0) const;
+
+private:
+    pid_t m_Pid = -1;
+    int m_nStatus = -1;
+    int m_nInputFD = -1;
+    int m_nOutputFD[2] = {-1, -1}; // memory files the child writes
+};
+
+// jackd -n <name> -d dummy -r 48000 -p 1024 -C <capture> -P <playback>
+class JackServer {
+public:
+    // A name of its own for this test process.
+    static std::string UniqueName();
+    // portMax, when not 0, caps the ports the server manages (jackd -p).
+    bool Start(unsigned capture = 8, unsigned playback = 8, const std::string& name = UniqueName(),
+               unsigned portMax = 0);
+    const std::string& Name() const { return m_Name; }
+
+private:
+    ChildProcess m_Process;
+    std::string m_Name;
+};
+
+// The binary named by ZOR_PLAY_BIN, talking to one JACK server.
+class ZorPlayProcess : public ChildProcess {
+public:
+    static std::string BinaryPath();
+    bool Start(const std::vector<std::string>& args, const std::string& jackName, bool pipeInput = false);
+    // True once the main thread sleeps in its wait (read from /proc).
+    bool WaitUntilIdle(int timeoutMs = 5000) const;
+    // SIGINT at the main loop's wait; the exit status (-1, and killed, when
+    // it does not exit).
+    int Stop(int timeoutMs = 10000);
+};

@@ -1,0 +1,477 @@
+// Playback through the real server: players feed capturing JACK clients in
+// the test, and what reaches their ports is checked sample by sample. Most
+// files are cut from the ramp, so a captured stream decodes into runs of
+// consecutive frames: a gap, a repeat or a stray frame shows as a run of its own.
+#include <sys/socket.h>
+
+#include <cmath>
+#include <map>
+
+#include "harness/server_fixture.h"
+
+namespace {
+
+constexpr uint32_t kPeriod = 1024;
+constexpr enumZorPlayType kPlay = eZorPlayPlayer;
+
+// The 16-bit ramp as libsndfile reads it back: codes 1 .. 32767 over 32768.
+float Ramp16(uint32_t n, unsigned c) { return static_cast<float>((8 * n + c) % 32767 + 1) / 32768.0f; }
+
+// Consecutive ramp frames as captured: the first ramp frame, the count, and
+// the capture indices of the first and the last (silence inside is allowed).
+struct Stretch {
+    long first;
+    size_t len, at, lastAt;
+    long End() const { return first + static_cast<long>(len); }
+};
+
+std::string Describe(const std::vector<Stretch>& runs)
+{
+    std::string s;
+    for (const Stretch& r : runs)
+        s += "[" + std::to_string(r.first) + " +" + std::to_string(r.len) + " @" + std::to_string(r.at) + "] ";
+    return s;
+}
+
+::testing::AssertionResult Is(const structFileCompletion& done, const std::string& name, unsigned index,
+                              const std::string& next = "", unsigned nextIndex = 0, unsigned seconds = 0)
+{
+    if (name == done.szFilename && index == done.nIndex && done.bRolled == !next.empty() &&
+        next == done.szNewFilename && nextIndex == done.nNewIndex && seconds == done.nLength && done.nXRuns == 0)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "completion of " << done.szFilename << " [" << done.nIndex << "] rolled "
+                                         << done.bRolled << " to " << done.szNewFilename << " [" << done.nNewIndex
+                                         << "], " << done.nLength << " s, " << done.nXRuns << " xruns";
+}
+
+class Playback : public ServerTest {
+protected:
+    // Runtime tracing on: every underrun the player counts prints a line.
+    std::vector<std::string> ServerArgs() override { return {"-nc", "-s", "-lr"}; }
+    void TearDown() override
+    {
+        ServerTest::TearDown();
+        EXPECT_TRUE(m_bWinding || m_Server.Output().find("Actual underrun") == std::string::npos) << "an underrun";
+        m_Captures.clear();
+    }
+    // A player and a client capturing its ports (20 s of room).
+    TestJackClient& Create(int slot, unsigned channels)
+    {
+        EXPECT_EQ(ServerTest::Create(kPlay, slot, static_cast<int>(channels), 0), eResultSuccess);
+        auto& cap = m_Captures[slot] = std::make_unique<TestJackClient>();
+        EXPECT_TRUE(cap->Open(JackName(), "zp_capture" + std::to_string(slot), channels, 20 * 48000));
+        EXPECT_TRUE(cap->ConnectFrom("Player00" + std::to_string(slot) + ":output"));
+        return *cap;
+    }
+    int Cmd(enumZorPlayCmd cmd) { return ServerTest::Cmd(kPlay, cmd, 0); }
+    int Skip(int relative, int n) { return ServerTest::Cmd(kPlay, eCmdSkipInPlaylist, 0, structSkipInPlaylist{relative, n}); }
+    int Seek(int seconds) { return ServerTest::Cmd(kPlay, eCmdSeek, 0, structSeekOperation{0, seconds}); }
+    ::testing::AssertionResult Done(const std::string& name, unsigned index, const std::string& next = "",
+                                    unsigned nextIndex = 0, unsigned seconds = 0)
+    {
+        return Is(Completion(kPlay, 0), name, index, next, nextIndex, seconds);
+    }
+    // Waits until frames non-silent frames have come from capture index from on.
+    void WaitHeard(const TestJackClient& cap, size_t frames, size_t from)
+    {
+        size_t heard = 0;
+        EXPECT_TRUE(WaitUntil(
+            [&] {
+                for (const size_t end = cap.Frames(); from < end; ++from)
+                    heard += !cap.IsSilent(from);
+                return heard >= frames;
+            },
+            20000))
+            << heard << " of " << frames << " frames heard";
+    }
+    // Waits for frames more frames; true when all were silent. The first
+    // period may still carry audio from before.
+    bool SilentFor(const TestJackClient& cap, size_t frames)
+    {
+        const size_t from = cap.Frames() + kPeriod;
+        EXPECT_TRUE(WaitUntil([&] { return cap.Frames() >= from + frames; }, 20000));
+        for (size_t i = from; i < from + frames; ++i)
+            if (!cap.IsSilent(i))
+                return false;
+        return true;
+    }
+    std::vector<Stretch> Runs(const TestJackClient& cap)
+    {
+        std::vector<Stretch> runs;
+        for (size_t i = 0; i < cap.Frames(); ++i) {
+            const long n = RampFrame(cap.Sample(0, i));
+            for (unsigned c = 0; c < cap.Channels() && !cap.IsSilent(i); ++c)
+                if (n < 0 || cap.Sample(c, i) != Ramp(static_cast<uint32_t>(n), c)) {
+                    ADD_FAILURE() << "captured frame " << i << " is no ramp frame: " << cap.Sample(c, i);
+                    return runs;
+                }
+            if (cap.IsSilent(i))
+                continue;
+            if (!runs.empty() && runs.back().End() == n)
+                ++runs.back().len, runs.back().lastAt = i;
+            else
+                runs.push_back({n, 1, i, i});
+        }
+        return runs;
+    }
+    // The capture decodes into exactly these runs: the ramp frame each starts
+    // at, and the capture length when the operation that cut it returned (the
+    // period under way then may still carry it).
+    std::vector<Stretch> ExpectRuns(const TestJackClient& cap, const std::vector<std::pair<long, size_t>>& want)
+    {
+        const std::vector<Stretch> runs = Runs(cap);
+        EXPECT_EQ(runs.size(), want.size()) << Describe(runs);
+        for (size_t i = 0; i < want.size() && i < runs.size(); ++i)
+            EXPECT_TRUE(runs[i].first == want[i].first && runs[i].lastAt < want[i].second + kPeriod)
+                << "run " << i << " starts elsewhere or runs past its cut: " << Describe(runs);
+        return runs;
+    }
+
+    std::map<int, std::unique_ptr<TestJackClient>> m_Captures;
+    bool m_bWinding = false; // a wind outruns the reading on purpose
+};
+
+} // namespace
+
+// A float file and a 16-bit file after it on players of 1, 2 and 8 channels,
+// and on players whose port count differs from the files' (mono on 4 copied
+// to all, 3 on 2 losing the third, 2 on 4 leaving two silent), all at once:
+// each player's ports carry both files back to back, bit for bit, with one
+// roll-over message between them and a final completion after. Then the
+// refusals of manual set-ups, and a stop in File Ready.
+TEST_F(Playback, FilesPlayBitExactGaplessAndMappedOntoThePorts)
+{
+    struct Mapping { unsigned file, ports; };
+    const Mapping maps[] = {{1, 1}, {2, 2}, {8, 8}, {1, 4}, {3, 2}, {2, 4}};
+    const uint32_t lenFloat = 14411, len16 = 13007, len = lenFloat + len16;
+    auto name = [&](char kind, int slot) { return Path(kind + std::to_string(slot) + ".wav"); };
+    for (int slot = 0; slot < 6; ++slot) {
+        Create(slot, maps[slot].ports);
+        ASSERT_TRUE(WriteSound(name('f', slot), maps[slot].file, 48000, SF_FORMAT_FLOAT, lenFloat, Ramp));
+        ASSERT_TRUE(WriteSound(name('p', slot), maps[slot].file, 48000, SF_FORMAT_PCM_16, len16, Ramp16));
+        ASSERT_EQ(SetupPlay(slot, name('f', slot)) + SetupPlay(slot, name('p', slot), 1), eResultSuccess);
+    }
+    for (int slot = 0; slot < 6; ++slot)
+        ASSERT_EQ(ServerTest::Cmd(kPlay, eCmdStart, slot), eResultSuccess);
+    std::map<int, std::vector<structFileCompletion>> got;
+    for (int i = 0; i < 12; ++i) {
+        const structZorPlayMsg m = Next(eCmdFileCompletion);
+        got[m.nIndex].push_back(m.payload.fileCompletion);
+    }
+    for (int slot = 0; slot < 6; ++slot) {
+        const Mapping k = maps[slot];
+        const TestJackClient& cap = *m_Captures[slot];
+        SCOPED_TRACE(std::to_string(k.file) + " channels on " + std::to_string(k.ports));
+        ASSERT_EQ(got[slot].size(), 2u);
+        EXPECT_TRUE(Is(got[slot][0], name('f', slot), 0, name('p', slot), 0));
+        EXPECT_TRUE(Is(got[slot][1], name('p', slot), 0));
+        // The streams from the first frame heard on, then silence.
+        size_t start = 0;
+        ASSERT_TRUE(WaitUntil(
+            [&] {
+                for (; start < cap.Frames() && cap.IsSilent(start); ++start) {
+                }
+                return start < cap.Frames() && cap.Frames() >= start + len + 4 * kPeriod;
+            },
+            20000));
+        for (uint32_t n = 0; n < cap.Frames() - start; ++n)
+            for (unsigned c = 0; c < k.ports; ++c) {
+                const unsigned from = k.file == 1 ? 0 : c; // mono goes to every port
+                const float want = from >= k.file || n >= len ? 0.0f : n < lenFloat ? Ramp(n, from) : Ramp16(n - lenFloat, from);
+                ASSERT_EQ(cap.Sample(c, start + n), want) << "channel " << c << " frame " << n;
+            }
+    }
+
+    // Manual set-ups refused, each with its lines; the player stays idle. A
+    // primary and three secondaries fill the ring; a fourth is refused. A stop
+    // in File Ready reports the primary and leaves the player idle.
+    const std::string f = Path("f0.wav"), p = Path("p0.wav"), missing = Path("missing.wav"), text = Path("text.wav");
+    WriteFile(text, "not a sound file\n");
+    const struct { std::string path; int secondary, result; std::vector<std::string> lines; } cases[] = {
+        {f, 1, eResultNeedPrimary, {"Need primary files before secondary\r\n"}},
+        {missing, 0, eResultPathMissing,
+         {"DoesFileExist: could not access() '" + missing + "': No such file or directory\r\n",
+          "Primary Stage of " + missing + " failed\r\n"}},
+        {text, 0, eResultCantOpenFile, {"Couldn't open file: " + text + ": "}},
+        {f, 0, eResultSuccess, {}}, {f, 0, eResultNotIdle, {}},
+        {p, 1, eResultSuccess, {}}, {p, 1, eResultSuccess, {}}, {p, 1, eResultSuccess, {}},
+        {p, 1, eResultPathMissing, {"Secondary Stage of " + p + " failed\r\n"}},
+    };
+    for (const auto& k : cases) {
+        const size_t mark = m_Server.OutputSize();
+        EXPECT_EQ(SetupPlay(0, k.path, k.secondary), k.result) << k.path;
+        EXPECT_TRUE(Printed(mark, k.lines));
+        if (k.result != eResultSuccess && k.result != eResultNotIdle && k.secondary == 0) {
+            EXPECT_EQ(Cmd(eCmdStart), eResultNoFile);
+        }
+    }
+    EXPECT_EQ(Cmd(eCmdStop), eResultSuccess);
+    EXPECT_TRUE(Done(f, 0));
+    EXPECT_EQ(Cmd(eCmdStart), eResultNoFile);
+}
+
+// A 44100 Hz file is converted: its length comes out in 48000 Hz frames with
+// no gap (channel 1 marks it), and a 1 kHz tone (channel 0) keeps its pitch.
+TEST_F(Playback, A44100HzFileIsConvertedToTheServerRate)
+{
+    TestJackClient& cap = Create(0, 2);
+    const std::string f = Path("t.wav");
+    ASSERT_TRUE(WriteSound(f, 2, 44100, SF_FORMAT_FLOAT, 22050, [](uint32_t n, unsigned c) {
+        return c == 0 ? 0.5f * static_cast<float>(std::sin(2 * M_PI * 1000.0 * n / 44100.0)) : 0.25f;
+    }));
+    ASSERT_EQ(SetupPlay(0, f), eResultSuccess);
+    ASSERT_EQ(Cmd(eCmdStart), eResultSuccess);
+    EXPECT_TRUE(Done(f, 0));
+    EXPECT_TRUE(SilentFor(cap, kPeriod));
+    size_t first = 0, last = 0, marked = 0;
+    std::vector<double> rises; // rising zero crossings, interpolated
+    for (size_t i = 0; i + 1 < cap.Frames(); ++i) {
+        if (cap.Sample(1, i) > 0.125f)
+            first = marked++ ? first : i, last = i;
+        const double a = cap.Sample(0, i), b = cap.Sample(0, i + 1);
+        if (marked > 64 && cap.Sample(1, i + 64) > 0.125f && a < 0 && b >= 0)
+            rises.push_back(static_cast<double>(i) + a / (a - b));
+    }
+    EXPECT_NEAR(static_cast<double>(marked), 22050 * 48000 / 44100, 16);
+    EXPECT_EQ(last + 1 - first, marked) << "a gap in the converted stream";
+    ASSERT_GT(rises.size(), 400u);
+    EXPECT_NEAR((rises.back() - rises.front()) / static_cast<double>(rises.size() - 1), 48.0, 0.01);
+}
+
+// A playlist with comments, blank and indented lines, CRLF and LF endings and
+// a last line without one; a missing entry is skipped with its lines, and a
+// file libsndfile cannot open is dropped and the next one played. The five
+// files come out as one stream, with a roll-over message per change and a
+// final completion. Set-ups that fail while it plays leave it playing; lists
+// that give nothing to play are not kept; a list set up while a file plays
+// replaces it.
+TEST_F(Playback, PlaylistsPlayGaplesslyAndAnswerEveryFailureWithItsLines)
+{
+    TestJackClient& cap = Create(0, 2);
+    const uint32_t lens[] = {7001, 50011, 6007, 9001, 5003};
+    std::vector<std::string> f;
+    for (uint32_t i = 0, total = 0; i < 5; total += lens[i++]) {
+        f.push_back(Path("e" + std::to_string(i) + ".wav"));
+        ASSERT_TRUE(WriteRamp(f[i], 2, total, lens[i]));
+    }
+    const std::string missing = Path("missing.wav"), text = Path("text.wav"), sock = Path("sock");
+    WriteFile(text, "RIFF, but not really\n");
+    WriteFile(Path("list.txt"), "# takes\r\n\r\n   " + f[0] + "\r\n" + f[1] + "\r\n   # " + f[2] + "\r\n" + missing +
+                                    "\r\n" + text + "\r\n" + f[2] + "\n\n" + f[3] + "\r\n" + f[4]);
+    WriteFile(Path("blank.txt"), "# nothing\n\n   # still nothing\r\n");
+    WriteFile(Path("bad.txt"), missing + "\n" + text + "\n");
+    const int fd = socket(AF_UNIX, SOCK_DGRAM, 0); // a file that exists, but is no regular file
+    const sockaddr_un addr = UnixAddress(sock.c_str());
+    ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)), 0);
+    close(fd);
+    const std::string noFile = "DoesFileExist: could not access() '" + missing + "': No such file or directory\r\n";
+    const struct { std::string path; bool playlist; int result; std::vector<std::string> lines; } cases[] = {
+        {Path("list.txt"), true, eResultSuccess,
+         {noFile, "File node couldn't be created - " + missing + ": empty path, file nonexistent, file empty?\r\n"}},
+        {f[0], false, eResultNotIdle, {"Using playlist - can't add manual files\r\n"}},
+        {missing, true, eResultPathMissing, {noFile, "Playlist file " + missing + " doesn't exist\r\n"}},
+        {sock, true, eResultPathMissing, {sock + " is a socket, not a regular file\r\n"}},
+    };
+    for (const auto& k : cases) {
+        const size_t mark = m_Server.OutputSize();
+        EXPECT_EQ(k.playlist ? SetupPlaylist(0, k.path) : SetupPlay(0, k.path, 1), k.result) << k.path;
+        EXPECT_TRUE(Printed(mark, k.lines));
+        if (k.result == eResultSuccess) {
+            ASSERT_EQ(Cmd(eCmdStart), eResultSuccess);
+        }
+    }
+    EXPECT_TRUE(Done(f[0], 0, f[1], 1));
+    EXPECT_TRUE(Done(f[1], 1, f[2], 4, 1));
+    EXPECT_TRUE(Done(f[2], 4, f[3], 5));
+    EXPECT_TRUE(Done(f[3], 5, f[4], 6));
+    EXPECT_TRUE(Done(f[4], 6));
+    EXPECT_TRUE(SilentFor(cap, kPeriod));
+    std::vector<Stretch> runs = ExpectRuns(cap, {{0, cap.Frames()}});
+    ASSERT_EQ(runs.size(), 1u);
+    EXPECT_EQ(runs[0].len, runs[0].lastAt + 1 - runs[0].at) << "silence inside the stream";
+    EXPECT_EQ(runs[0].End(), f.size() == 5 ? 7001 + 50011 + 6007 + 9001 + 5003 : 0);
+    EXPECT_TRUE(Printed(0, {"Couldn't open file: " + text + ": "}));
+    EXPECT_EQ(Cmd(eCmdStart), eResultNoFile);
+    EXPECT_EQ(SetupPlay(0, f[0], 1), eResultNeedPrimary); // no playlist kept, nothing staged
+    for (const char* list : {"blank.txt", "bad.txt"}) {
+        EXPECT_EQ(SetupPlaylist(0, Path(list)), list[1] == 'l' ? eResultEmptyFilenames : eResultCantOpenFile);
+        EXPECT_EQ(Cmd(eCmdStart), eResultNoFile);
+    }
+
+    // A list set up while a file plays replaces it: silence until Start,
+    // then the list's first entry from its start.
+    ASSERT_EQ(SetupPlay(0, f[0]), eResultSuccess);
+    ASSERT_EQ(Cmd(eCmdStart), eResultSuccess);
+    WaitHeard(cap, 3000, cap.Frames());
+    WriteFile(Path("one.txt"), f[3] + "\n");
+    ASSERT_EQ(SetupPlaylist(0, Path("one.txt")), eResultSuccess);
+    const size_t replaced = cap.Frames();
+    EXPECT_TRUE(SilentFor(cap, 4 * kPeriod)) << "a new list played before Start";
+    ASSERT_EQ(Cmd(eCmdStart), eResultSuccess);
+    EXPECT_TRUE(Done(f[3], 0));
+    EXPECT_TRUE(SilentFor(cap, kPeriod));
+    runs = ExpectRuns(cap, {{0, cap.Frames()}, {0, replaced}, {lens[0] + lens[1] + lens[2], cap.Frames()}});
+    ASSERT_EQ(runs.size(), 3u);
+    EXPECT_EQ(runs[2].len, lens[3]);
+}
+
+// Seeks in File Ready, Running and Paused land on the second asked for; a
+// pause is silence and play resumes at the frame where it stopped; after a
+// seek or a stop (even with a wind right after it) nothing from before it
+// reaches the ports.
+TEST_F(Playback, PauseSeekAndStopKeepTheStreamExact)
+{
+    TestJackClient& cap = Create(0, 2);
+    const std::string f = Path("s.wav");
+    ASSERT_TRUE(WriteRamp(f, 2, 0, 153600)); // 3.2 s
+    ASSERT_EQ(SetupPlay(0, f), eResultSuccess);
+    EXPECT_EQ(Seek(4), eResultSkipImpossible);
+    EXPECT_EQ(Seek(-1), eResultSkipImpossible);
+    ASSERT_EQ(Seek(1), eResultSuccess);
+    ASSERT_EQ(Cmd(eCmdStart), eResultSuccess);
+    WaitHeard(cap, 8000, 0);
+    ASSERT_EQ(Cmd(eCmdPause), eResultSuccess);
+    EXPECT_TRUE(SilentFor(cap, 4 * kPeriod)) << "audio while paused";
+    ASSERT_EQ(Cmd(eCmdPause), eResultSuccess); // a second pause resumes
+    WaitHeard(cap, 8000, cap.Frames());
+    ASSERT_EQ(Seek(0), eResultSuccess);
+    const size_t seek0 = cap.Frames();
+    WaitHeard(cap, 8000, seek0 + kPeriod);
+    ASSERT_EQ(Cmd(eCmdPause), eResultSuccess);
+    ASSERT_EQ(Seek(2), eResultSuccess);
+    const size_t seek2 = cap.Frames();
+    EXPECT_TRUE(SilentFor(cap, 4 * kPeriod)) << "a seek while paused played";
+    ASSERT_EQ(Cmd(eCmdStart), eResultSuccess);
+    WaitHeard(cap, 8000, cap.Frames());
+    ASSERT_EQ(Cmd(eCmdStop), eResultSuccess);
+    const size_t stop = cap.Frames();
+    const int wind = Cmd(eCmdRewind); // no wind brings a stopped file back
+    EXPECT_TRUE(wind == eResultSuccess || wind == eResultNotRunning) << wind;
+    EXPECT_TRUE(Done(f, 0, "", 0, 3));
+    EXPECT_TRUE(SilentFor(cap, kPeriod));
+    const std::vector<Stretch> runs = ExpectRuns(cap, {{48000, seek0}, {0, seek2}, {96000, stop}});
+    ASSERT_EQ(runs.size(), 3u);
+    EXPECT_GE(runs[0].lastAt + 1 - runs[0].at - runs[0].len, 4 * kPeriod) << "the pause left no silence";
+}
+
+// Audible fast forward plays one period in two, audible rewind plays a period
+// and steps back two; a silent wind plays nothing and moves the file by whole
+// periods, two a period at most. Start or Pause ends a wind, and play goes on
+// where the ports were. Fast forward into the end ends play with the completion.
+TEST_F(Playback, FastForwardAndRewindAudiblyAndSilently)
+{
+    m_bWinding = true;
+    TestJackClient& cap = Create(0, 2);
+    const std::string f = Path("w.wav");
+    const long len = 192000;
+    ASSERT_TRUE(WriteRamp(f, 2, 0, len));
+    ASSERT_EQ(SetupPlay(0, f), eResultSuccess);
+    EXPECT_EQ(Cmd(eCmdRewind), eResultNotRunning);
+    ASSERT_EQ(Cmd(eCmdFastForward), eResultSuccess); // audible, from File Ready
+    WaitHeard(cap, 8 * kPeriod, 0);
+    ASSERT_EQ(Cmd(eCmdStart), eResultSuccess);
+    WaitHeard(cap, 24000, cap.Frames());
+    ASSERT_EQ(Cmd(eCmdRewind), eResultSuccess); // audible, from Running
+    WaitHeard(cap, 6 * kPeriod, cap.Frames() + kPeriod);
+    ASSERT_EQ(Cmd(eCmdPause), eResultSuccess);
+    ASSERT_EQ(Cmd(eCmdFastForward), eResultSuccess); // silent, from Paused
+    const size_t silentFrom = cap.Frames();
+    EXPECT_TRUE(SilentFor(cap, 20 * kPeriod)) << "a silent wind was heard";
+    ASSERT_EQ(Cmd(eCmdStart), eResultSuccess);
+    const size_t silentTo = cap.Frames();
+    WaitHeard(cap, 8000, cap.Frames());
+    ASSERT_EQ(Cmd(eCmdPause), eResultSuccess);
+    ASSERT_EQ(Cmd(eCmdRewind), eResultSuccess); // silent, from Paused
+    EXPECT_TRUE(SilentFor(cap, 4 * kPeriod)) << "a silent wind was heard";
+    ASSERT_EQ(Cmd(eCmdPause), eResultSuccess); // ends it, still paused
+    EXPECT_TRUE(SilentFor(cap, 2 * kPeriod));
+    ASSERT_EQ(Cmd(eCmdStart), eResultSuccess);
+    WaitHeard(cap, 4000, cap.Frames());
+    ASSERT_EQ(Cmd(eCmdFastForward), eResultSuccess); // audible, into the end
+    EXPECT_TRUE(Done(f, 0, "", 0, 4));
+    EXPECT_TRUE(SilentFor(cap, kPeriod));
+
+    const std::vector<Stretch> runs = Runs(cap);
+    SCOPED_TRACE(Describe(runs));
+    size_t r = 0;
+    // Forward: [1024, 2048), [3072, 4096), ...; the last runs on after Start.
+    long expect = kPeriod;
+    for (; r < runs.size() && runs[r].len == kPeriod; ++r, expect += 2 * kPeriod)
+        ASSERT_EQ(runs[r].first, expect);
+    ASSERT_TRUE(r >= 7 && r + 3 < runs.size());
+    EXPECT_EQ(runs[r].first, expect);
+    EXPECT_GT(runs[r].len, 24000u);
+    // Rewind: each period heard starts two before the one before it.
+    expect = runs[r++].End() - 3 * kPeriod;
+    const size_t rewindFrom = r;
+    for (; r < runs.size() && runs[r].first == expect && runs[r].len == kPeriod; ++r)
+        expect -= 2 * kPeriod;
+    EXPECT_GE(r - rewindFrom, 6u);
+    // The silent forward wind moved on by whole periods, at most two a period.
+    ASSERT_LT(r + 2, runs.size());
+    const long moved = runs[r].first - (expect + 3 * kPeriod);
+    EXPECT_EQ(moved % kPeriod, 0);
+    EXPECT_TRUE(moved >= static_cast<long>(20 * kPeriod) && moved <= static_cast<long>(2 * (silentTo - silentFrom) + 4 * kPeriod)) << moved;
+    // The silent rewind moved back by whole periods.
+    const long rewound = runs[r].End() - runs[r + 1].first;
+    EXPECT_TRUE(rewound > 0 && (rewound % kPeriod == 0 || runs[r + 1].first == 0)) << rewound;
+    // Forward into the end, from the end of the last run.
+    for (r += 2, expect = runs[r - 1].End() + kPeriod; r < runs.size(); ++r, expect += 2 * kPeriod)
+        EXPECT_TRUE(runs[r].first == expect && (runs[r].len == kPeriod || r + 1 == runs.size()));
+    EXPECT_GT(runs.back().End(), len - 3 * static_cast<long>(kPeriod));
+}
+
+// Skips relative to the entry playing and to the list's start, valid and
+// not, in File Ready, Running and Paused. Each valid skip is reported as a
+// roll-over from the entry skipped; from its answer on nothing of that entry
+// reaches the ports, and the new entry plays from its start.
+TEST_F(Playback, PlaylistSkipsInFileReadyRunningAndPaused)
+{
+    TestJackClient& cap = Create(0, 2);
+    const uint32_t len = 24001;
+    std::vector<std::string> f;
+    std::string text;
+    for (uint32_t i = 0; i < 6; ++i) {
+        f.push_back(Path("k" + std::to_string(i) + ".wav"));
+        ASSERT_TRUE(WriteRamp(f[i], 2, i * len, len));
+        text += f[i] + "\n";
+    }
+    WriteFile(Path("list.txt"), text);
+    ASSERT_EQ(SetupPlaylist(0, Path("list.txt")), eResultSuccess);
+    EXPECT_EQ(Skip(0, 6) + Skip(1, -1), 2 * eResultSkipImpossible);
+    ASSERT_EQ(Skip(1, 2), eResultSuccess); // File Ready: reported at once
+    EXPECT_TRUE(Done(f[0], 0, f[2], 2));
+    ASSERT_EQ(Cmd(eCmdStart), eResultSuccess);
+    WaitHeard(cap, 5000, 0);
+    ASSERT_EQ(Skip(0, 0), eResultSuccess); // Running: back to the first entry
+    const size_t skip1 = cap.Frames();
+    EXPECT_TRUE(Done(f[2], 2, f[0], 0));
+    WaitHeard(cap, 5000, skip1 + kPeriod);
+    ASSERT_EQ(Skip(1, 0), eResultSuccess); // restarts the entry playing
+    const size_t skip2 = cap.Frames();
+    EXPECT_TRUE(Done(f[0], 0, f[0], 0));
+    WaitHeard(cap, 5000, skip2 + kPeriod);
+    ASSERT_EQ(Cmd(eCmdPause), eResultSuccess);
+    const size_t pause = cap.Frames();
+    EXPECT_EQ(Skip(0, 6) + Skip(1, -1), 2 * eResultSkipImpossible);
+    ASSERT_EQ(Skip(1, 3), eResultSuccess); // Paused: reported at once, still silent
+    EXPECT_TRUE(Done(f[0], 0, f[3], 3));
+    EXPECT_TRUE(SilentFor(cap, 4 * kPeriod));
+    ASSERT_EQ(Cmd(eCmdStart), eResultSuccess);
+    EXPECT_EQ(Skip(0, -1) + Skip(1, 3), 2 * eResultSkipImpossible); // before the first, past the last
+    EXPECT_TRUE(Done(f[3], 3, f[4], 4));
+    EXPECT_TRUE(Done(f[4], 4, f[5], 5));
+    EXPECT_TRUE(Done(f[5], 5));
+    EXPECT_TRUE(SilentFor(cap, kPeriod));
+    const std::vector<Stretch> runs = ExpectRuns(cap, {{2 * len, skip1}, {0, skip2}, {0, pause}, {3 * len, cap.Frames()}});
+    ASSERT_EQ(runs.size(), 4u);
+    EXPECT_EQ(runs[3].len, 3u * len);
+
+    // A skip to an entry from which on nothing opens ends play at once.
+    WriteFile(Path("text.wav"), "not a sound file\n");
+    WriteFile(Path("tail.txt"), f[0] + "\n" + Path("text.wav") + "\n");
+    ASSERT_EQ(SetupPlaylist(0, Path("tail.txt")), eResultSuccess);
+    ASSERT_EQ(Skip(0, 1), eResultSuccess);
+    EXPECT_TRUE(Done(f[0], 0));
+    EXPECT_EQ(Cmd(eCmdStart), eResultNoFile);
+}

@@ -1,0 +1,265 @@
+// The server process on its own: options, start-up and shutdown, the header
+// check of every request, and the socket's behaviour towards clients.
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <csignal>
+#include <cstring>
+
+#include "harness/server_fixture.h"
+#include "protocol/rp_server.h"
+
+namespace {
+
+const char* const kPidFile = "/tmp/info/zor_play_pid";
+const char* const kVersionFile = "/tmp/info/zor_play_version";
+
+// Runs the binary (after prefix, when given) without a JACK server; the exit status.
+int RunOnce(ChildProcess& proc, const std::vector<std::string>& args, std::vector<std::string> argv = {})
+{
+    argv.push_back(ZorPlayProcess::BinaryPath());
+    argv.insert(argv.end(), args.begin(), args.end());
+    return proc.Start(argv, {"JACK_NO_START_SERVER=1"}) ? proc.WaitExit(20000) : -2;
+}
+
+size_t Count(const std::string& text, const std::string& what)
+{
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size()))
+        ++n;
+    return n;
+}
+
+} // namespace
+
+TEST(CommandLine, VersionAndHelpExitAtOnceAfterTheOptionsBeforeThem)
+{
+    // An unknown option is reported before the version, an empty one is
+    // skipped, and nothing after -v is looked at.
+    ChildProcess proc;
+    ASSERT_EQ(RunOnce(proc, {"-x", "", "-lm", "-v", "-bogus"}), 0);
+    const std::string out = proc.Output();
+    EXPECT_EQ(out.rfind("zor_play V2.02, built ", 0), 0u) << out;
+    EXPECT_NE(out.find("\r\nJACK version: "), std::string::npos) << out;
+    EXPECT_EQ(Count(out, "\r\n"), 2u) << out;
+    EXPECT_EQ(proc.Output(0, true), "zor_play: unrecognized option '-x', ignoring\n");
+    for (const char* alias : {"--version", "-vq"}) {
+        ASSERT_EQ(RunOnce(proc, {alias}), 0);
+        EXPECT_EQ(proc.Output().rfind("zor_play V2.02, built ", 0), 0u) << alias;
+    }
+    ASSERT_EQ(RunOnce(proc, {"--help"}), 0);
+    const std::string help = proc.Output();
+    ASSERT_EQ(help.rfind("JACK version: ", 0), 0u) << help;
+    EXPECT_EQ(help.substr(help.find("\n\n") + 2),
+              "Usage: zor_play [options]\n\nOptions:\n"
+              "\t-h,--help\n\t\tprint this help and exit\n"
+              "\t-v\tprint version infomration and exit\n"
+              "\t-i\tset interactive mode and log interactive operations\n"
+              "\t-e\techo command in interactive mode\n"
+              "\t-lj\tlog JACK actions such as port creation, connection, etc.\n"
+              "\t-lc\tlog creation and destruction operations\n"
+              "\t-lr\tlog runtime, verbose tracing of the internals of the module, including the buffer, FSM, "
+              "over/underruns, etc.\n"
+              "\t-lf\tlog file operations such as opening and closing\n"
+              "\t-lm\tlog sending and reception of socket messages\n"
+              "\t-lp\tlog performance data such as timing of critical performance bottlenecks\n"
+              "\t-s\tdon't report status\n"
+              "\t-nc\tdon't connect JACK ports, assume this is managed elsewhere\n");
+    ASSERT_EQ(RunOnce(proc, {"-h"}), 0);
+    EXPECT_EQ(proc.Output(), help);
+
+    // Queue memory too small for all modules stops the start-up.
+    const int status = RunOnce(proc, {"-lc"}, {"/usr/bin/prlimit", "--msgqueue=4096:4096", "--"});
+    if (proc.Output(0, true).find("setrlimit() failed") == std::string::npos)
+        GTEST_SKIP() << "this machine lets the process raise its queue limit";
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(proc.Output(0, true).rfind("zor_play: setrlimit() failed: ", 0), 0u) << proc.Output(0, true);
+    EXPECT_EQ(proc.Output(0, true).find("going on"), std::string::npos);
+    EXPECT_EQ(proc.Output().find("Creating RP server"), std::string::npos) << "nothing is started";
+}
+
+class Server : public ServerTest {
+protected:
+    int Answer(const structZorPlayMsg& req)
+    {
+        structZorPlayMsg resp;
+        return m_Client.Request(req, resp) ? static_cast<int>(resp.payload.eResult) : -1;
+    }
+    structZorPlayMsg Request(enumZorPlayType type, enumZorPlayCmd cmd, int index)
+    {
+        return m_Client.MakeRequest(type, cmd, index);
+    }
+};
+
+// Every datagram gets one whole response: the request with nReq 1 and a
+// payload of the result alone, whatever the datagram's size.
+TEST_F(Server, EveryDatagramGetsOneWholeResponse)
+{
+    structZorPlayMsg req = Request(eZorPlayPlayer, eCmdHello, 2), resp, expected;
+    memset(req.payload.raw, 0x5A, sizeof(req.payload.raw));
+    expected = req;
+    expected.nReq = eReqResponse;
+    memset(&expected.payload, 0, sizeof(expected.payload));
+    size_t len = 0;
+    ASSERT_TRUE(m_Client.SendRaw(&req, sizeof(req)) && m_Client.ReceiveAny(resp, 10000, &len));
+    EXPECT_EQ(len, static_cast<size_t>(kZorPlayMsgSize));
+    EXPECT_EQ(memcmp(&resp, &expected, sizeof(resp)), 0);
+
+    // All zero (what a failed receive leaves); 100 bytes (the header whole,
+    // the rest read as zero); 4000 bytes (cut to the record, the rest never
+    // read as a second message).
+    std::vector<uint8_t> big(4000, 0xFF);
+    const structZorPlayMsg hello = Request(eZorPlayPlayer, eCmdHello, 3);
+    memcpy(big.data(), &hello, sizeof(hello));
+    const std::vector<uint8_t> zero(sizeof(structZorPlayMsg), 0);
+    const struct { const void* data; size_t len; int result; } cases[] = {
+        {zero.data(), zero.size(), eResultBadLength}, {&hello, 100, eResultSuccess}, {big.data(), big.size(), eResultSuccess}};
+    for (const auto& k : cases) {
+        ASSERT_TRUE(m_Client.SendRaw(k.data, k.len) && m_Client.ReceiveAny(resp, 10000, &len));
+        EXPECT_EQ(len, static_cast<size_t>(kZorPlayMsgSize));
+        EXPECT_EQ(resp.payload.eResult, static_cast<uint32_t>(k.result)) << k.len;
+    }
+    EXPECT_TRUE(Printed(0, {"Got msg size 0, expecting size 3236\r\nMessage fails validation: Message length incorrect\r\n"}));
+    EXPECT_FALSE(m_Client.ReceiveAny(resp, 300, &len)) << "one datagram, one response";
+}
+
+// The header checks in their order, each answered with its code and line;
+// type and index are checked for every command, even those that ignore them.
+TEST_F(Server, HeaderChecksInOrderAndUnknownCommands)
+{
+    const size_t mark = m_Server.OutputSize();
+    structZorPlayMsg req = Request(eZorPlayRecorder, eCmdHello, 0), resp;
+    req.nVersion = 1;
+    req.nLength = 12; // the version is tested first
+    EXPECT_EQ(Answer(req), eResultBadVersion);
+    req = Request(eZorPlayRecorder, eCmdHello, 0);
+    req.nLength = 100;
+    ASSERT_TRUE(m_Client.Request(req, resp));
+    EXPECT_EQ(resp.payload.eResult, eResultBadLength);
+    EXPECT_EQ(resp.nLength, 100) << "a wrong length is echoed back";
+    req = Request(eZorPlayRecorder, eCmdHello, 0);
+    req.nReq = eReqResponse;
+    EXPECT_EQ(Answer(req), eResultNotRequest);
+    ASSERT_TRUE(Printed(mark, {"Server message was not a request\r\n"}));
+    EXPECT_EQ(m_Server.Output(mark),
+              "Message fails validation: Unsupported protocol version\r\n"
+              "Got msg size 100, expecting size 3236\r\nMessage fails validation: Message length incorrect\r\n"
+              "Message fails validation: Server message was not a request\r\n");
+
+    for (enumZorPlayCmd cmd : {eCmdHello, eCmdExit, eCmdDeleteAll, eCmdCreate}) {
+        EXPECT_EQ(Answer(Request(static_cast<enumZorPlayType>(2), cmd, 0)), eResultBadType) << cmd;
+        for (int index : {8, -1})
+            EXPECT_EQ(Answer(Request(eZorPlayPlayer, cmd, index)), eResultBadIndex) << cmd << " " << index;
+    }
+    // Commands only the server sends, and codes past the table, answer 6
+    // and never produce an unrequested message.
+    for (uint32_t cmd : {9u, 10u, 18u, 1000u})
+        EXPECT_EQ(Answer(Request(eZorPlayPlayer, static_cast<enumZorPlayCmd>(cmd), 0)), eResultUnknownCommand) << cmd;
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+            const std::string out = m_Server.Output();
+            return Count(out, "Message fails validation: Message not for player or recorder\r\n") == 4 &&
+                   Count(out, "Message fails validation: Module index out of bounds\r\n") == 8 &&
+                   Count(out, "Unhandled command\r\n") == 4;
+        },
+        5000))
+        << m_Server.Output();
+    structZorPlayMsg msg;
+    EXPECT_FALSE(m_Client.WaitUnrequested(msg, 300));
+    EXPECT_EQ(Cmd(eZorPlayPlayer, eCmdHello, 0), eResultSuccess) << "the refused Exit did not stop the server";
+}
+
+// Answers go to the client path only; with nobody there the send fails and
+// serving goes on.
+TEST_F(Server, AnswersGoToTheClientPathOnly)
+{
+    const char* otherPath = "/tmp/zp_test_other_client";
+    const int other = socket(AF_UNIX, SOCK_DGRAM, 0);
+    const sockaddr_un addr = UnixAddress(otherPath), server = UnixAddress(kServerSocketPath);
+    ASSERT_EQ(bind(other, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)), 0);
+    const structZorPlayMsg req = Request(eZorPlayRecorder, eCmdHello, 0);
+    auto send = [&] {
+        return sendto(other, &req, sizeof(req), 0, reinterpret_cast<const sockaddr*>(&server), sizeof(server)) ==
+               static_cast<ssize_t>(sizeof(req));
+    };
+    structZorPlayMsg resp;
+    ASSERT_TRUE(send() && m_Client.ReceiveAny(resp, 10000));
+    EXPECT_EQ(resp.nID, req.nID);
+    EXPECT_EQ(resp.nReq, eReqResponse);
+    char buf[16];
+    EXPECT_EQ(recv(other, buf, sizeof(buf), MSG_DONTWAIT), -1) << "the sender's own path hears nothing";
+
+    m_Client.Close();
+    ASSERT_TRUE(send());
+    close(other);
+    EXPECT_TRUE(m_Server.WaitForOutput("SendResponse send() failed: No such file or directory\r\n"));
+    ASSERT_TRUE(m_Client.Open());
+    EXPECT_EQ(Cmd(eZorPlayPlayer, eCmdHello, 0), eResultSuccess);
+}
+
+// Info files, Exit, a leftover socket file, an interrupt, and a socket path
+// that cannot be bound.
+TEST_F(Server, ExitAndInterruptShutDownCleanly)
+{
+    EXPECT_EQ(ReadFile(kPidFile), std::to_string(m_Server.Pid())) << "the pid file holds the bare process id";
+    EXPECT_EQ(ReadFile(kVersionFile), "2.02");
+    // Where the queue limit cannot be raised, the one in force covers every module.
+    const std::string err = m_Server.Output(0, true);
+    if (err.find("setrlimit() failed") != std::string::npos) {
+        EXPECT_NE(err.find("\nzor_play: going on with the current message queue limit"), std::string::npos) << err;
+    }
+    EXPECT_EQ(Cmd(eZorPlayRecorder, eCmdExit, 0), eResultSuccess) << "Exit is answered before the process ends";
+    EXPECT_EQ(m_Server.WaitExit(10000), 0);
+    EXPECT_FALSE(FileExists(kPidFile));
+    EXPECT_EQ(ReadFile(kVersionFile), "2.02");
+    EXPECT_FALSE(FileExists(kServerSocketPath));
+
+    WriteFile(kServerSocketPath, "stale"); // replaced at start-up
+    StartServer(ServerArgs());
+    ASSERT_TRUE(m_Server.WaitUntilIdle());
+    m_Server.Signal(SIGINT);
+    EXPECT_EQ(m_Server.WaitExit(10000), 0);
+    EXPECT_TRUE(Printed(0, {"Select returned -1: Interrupted system call\r\nErrno indicates interrupt -\r\nEXITING!\r\n"}));
+    EXPECT_EQ(m_Server.Output().find("Signal Received"), std::string::npos) << "only logged in the creation category";
+    EXPECT_FALSE(FileExists(kPidFile));
+
+    // A directory is not removed by unlink: the bind fails, status 1.
+    ASSERT_EQ(mkdir(kServerSocketPath, 0700), 0);
+    ASSERT_TRUE(m_Server.Start({}, JackName()));
+    EXPECT_EQ(m_Server.WaitExit(10000), 1);
+    EXPECT_EQ(m_Server.Output(), "Can't bind unix socket '/tmp/recorder_unix_socket_server': Address already in use\n");
+    EXPECT_FALSE(FileExists(kPidFile));
+    rmdir(kServerSocketPath);
+}
+
+class Traces : public Server {
+protected:
+    std::vector<std::string> ServerArgs() override { return {"-lc", "-lj", "-lj", "-lm"}; }
+};
+
+TEST_F(Traces, TogglesMessagingAndShutdownTraces)
+{
+    structZorPlayMsg req = Request(eZorPlayPlayer, eCmdFileProgress, 0), resp;
+    req.nID = 0xabc;
+    ASSERT_TRUE(m_Client.Request(req, resp));
+    ASSERT_TRUE(m_Server.WaitForOutput("sending response, ID=2748, cmd=9, req=1\r\n"));
+    const std::string out = m_Server.Output();
+    EXPECT_EQ(out.substr(std::min(out.find("  MESSAGING: Server got 3236 byte UD message, ID=2748"), out.size())),
+              "  MESSAGING: Server got 3236 byte UD message, ID=2748, cmd=9, req=0\r\n"
+              "  MESSAGING: Message & seqnum: 0xabc type: 9\r\n"
+              "  MESSAGING: Dispatch received message: File progress\r\n"
+              "Unhandled command\r\n"
+              "  MESSAGING: Server sending response, ID=2748, cmd=9, req=1\r\n");
+
+    ASSERT_TRUE(m_Server.WaitUntilIdle());
+    m_Server.Signal(SIGINT);
+    EXPECT_EQ(m_Server.WaitExit(10000), 0);
+    EXPECT_EQ(m_Server.Output().rfind("   CREATION: Creating RP server\r\n   CREATION: Creating socket "
+                                      "'/tmp/recorder_unix_socket_server' for recorder communications\r\n",
+                                      0),
+              0u);
+    EXPECT_TRUE(Printed(0, {"   CREATION: Signal Received: 2\r\n", "   CREATION: ~Destructing RP server\r\n",
+                            "   CREATION: main Exiting.\r\n"}));
+    EXPECT_EQ(m_Server.Output().find("JACK:"), std::string::npos) << "-lj twice leaves the category off";
+}
