@@ -10,22 +10,18 @@ jack_client_t* OpenClient(const std::string& server, const std::string& name)
                             server.c_str());
 }
 
-std::vector<std::string> TakeList(const char** list)
-{
-    std::vector<std::string> names;
-    for (const char** p = list; p && *p; ++p)
-        names.push_back(*p);
-    jack_free(list);
-    return names;
-}
-
-template <typename Query>
-std::vector<std::string> Ask(const std::string& server, Query query)
+// Runs list(client) on a client of its own and takes the names it answers.
+template <typename List>
+std::vector<std::string> Ask(const std::string& server, List list)
 {
     jack_client_t* client = OpenClient(server, "zp_probe");
     if (!client)
         return {"<no JACK server>"};
-    std::vector<std::string> result = query(client);
+    const char** names = list(client);
+    std::vector<std::string> result;
+    for (const char** p = names; p && *p; ++p)
+        result.push_back(*p);
+    jack_free(names);
     jack_client_close(client);
     return result;
 }
@@ -34,14 +30,14 @@ std::vector<std::string> Ask(const std::string& server, Query query)
 
 std::vector<std::string> JackPorts(const std::string& server, const std::string& pattern, unsigned long flags)
 {
-    return Ask(server, [&](jack_client_t* c) { return TakeList(jack_get_ports(c, pattern.c_str(), nullptr, flags)); });
+    return Ask(server, [&](jack_client_t* c) { return jack_get_ports(c, pattern.c_str(), nullptr, flags); });
 }
 
 std::vector<std::string> JackConnections(const std::string& server, const std::string& port)
 {
     return Ask(server, [&](jack_client_t* c) {
         jack_port_t* p = jack_port_by_name(c, port.c_str());
-        return p ? TakeList(jack_port_get_all_connections(c, p)) : std::vector<std::string>{"<no port>"};
+        return p ? jack_port_get_all_connections(c, p) : nullptr;
     });
 }
 
@@ -58,43 +54,24 @@ bool TestJackClient::Open(const std::string& server, const std::string& name, un
 {
     m_Data.assign(inputs, std::vector<float>(capacity)); // value-initialised: every page touched
     m_pClient = OpenClient(server, name);
-    if (!m_pClient)
-        return false;
-    m_Name = jack_get_client_name(m_pClient);
-    for (unsigned i = 0; i < inputs + outputs; ++i) {
+    for (unsigned i = 0; m_pClient && i < inputs + outputs; ++i) {
         const bool in = i < inputs;
         const std::string port = (in ? "in" : "out") + std::to_string(in ? i + 1 : i - inputs + 1);
-        jack_port_t* p = jack_port_register(m_pClient, port.c_str(), JACK_DEFAULT_AUDIO_TYPE,
-                                            in ? JackPortIsInput : JackPortIsOutput, 0);
-        if (!p)
-            return false;
-        (in ? m_Inputs : m_Outputs).push_back(p);
+        (in ? m_Inputs : m_Outputs)
+            .push_back(jack_port_register(m_pClient, port.c_str(), JACK_DEFAULT_AUDIO_TYPE,
+                                          in ? JackPortIsInput : JackPortIsOutput, 0));
     }
-    return jack_set_process_callback(m_pClient, Process, this) == 0 && jack_activate(m_pClient) == 0;
+    return m_pClient && jack_set_process_callback(m_pClient, Process, this) == 0 && jack_activate(m_pClient) == 0;
 }
 
-bool TestJackClient::ConnectFrom(const std::string& source)
+bool TestJackClient::Connect(const std::string& other, const char* ours, unsigned channels, bool from)
 {
-    for (unsigned c = 1; c <= Channels(); ++c)
-        if (jack_connect(m_pClient, (source + std::to_string(c)).c_str(), (m_Name + ":in" + std::to_string(c)).c_str()))
+    for (unsigned c = 1; c <= channels; ++c) {
+        const std::string a = other + std::to_string(c), b = jack_get_client_name(m_pClient) + (":" + (ours + std::to_string(c)));
+        if (jack_connect(m_pClient, (from ? a : b).c_str(), (from ? b : a).c_str()) != 0)
             return false;
+    }
     return true;
-}
-
-bool TestJackClient::ConnectTo(const std::string& target, unsigned channels)
-{
-    for (unsigned c = 1; c <= channels; ++c)
-        if (jack_connect(m_pClient, (m_Name + ":out" + std::to_string(c)).c_str(), (target + std::to_string(c)).c_str()))
-            return false;
-    return true;
-}
-
-void TestJackClient::Play(Signal signal, uint32_t param)
-{
-    // A period under way may mix the old signal and the new word: switch
-    // between takes only.
-    m_nParam.store(param);
-    m_Signal.store(signal);
 }
 
 bool TestJackClient::IsSilent(size_t i) const

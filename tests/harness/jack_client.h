@@ -1,8 +1,7 @@
-// A JACK client in the test process. Its input ports record what reaches
-// them, every period from activation on, into memory allocated and touched
-// before activation; its output ports play a signal the test chooses. The
-// callback publishes the frame count after the samples (release), so the
-// test thread may read any frame below Frames().
+// A JACK client in the test process. Its inputs record what reaches them,
+// every period from activation on, into memory touched before activation;
+// its outputs play a signal the test chooses. The frame count is published
+// after the samples (release): the test may read any frame below Frames().
 #pragma once
 
 #include <jack/jack.h>
@@ -14,33 +13,32 @@
 
 class TestJackClient {
 public:
-    // Sample of channel c at frame n of the played signal, given a word the
-    // test sets.
+    // Sample of channel c at frame n of the played signal, given a word the test sets.
     using Signal = float (*)(uint32_t n, unsigned c, uint32_t param);
 
     ~TestJackClient();
-    // Client "name" with inputs in1..in<inputs> (room for capacity frames;
-    // recording stops when it is used up) and outputs out1..out<outputs>.
+    // Client "name" with inputs in1..in<inputs> (room for capacity frames)
+    // and outputs out1..out<outputs>.
     bool Open(const std::string& server, const std::string& name, unsigned inputs, size_t capacity,
               unsigned outputs = 0);
-    // Connects <source>1.. (e.g. "Player000:output") to our inputs in order.
-    bool ConnectFrom(const std::string& source);
-    // Connects our first outputs to <target>1.. (e.g. "Recorder000:input").
-    bool ConnectTo(const std::string& target, unsigned channels);
-    // Plays signal from now on; its frame count runs on from the first period.
-    void Play(Signal signal, uint32_t param);
+    // Connects <source>1.. (e.g. "Player000:output") to our inputs in order,
+    // or our first outputs to <target>1.. (e.g. "Recorder000:input").
+    bool ConnectFrom(const std::string& source) { return Connect(source, "in", Channels(), true); }
+    bool ConnectTo(const std::string& target, unsigned channels) { return Connect(target, "out", channels, false); }
+    // Plays signal from the next period on; switch between takes only (a
+    // period may mix the old signal and the new word).
+    void Play(Signal signal, uint32_t param) { m_nParam = param, m_Signal = signal; }
 
     unsigned Channels() const { return static_cast<unsigned>(m_Data.size()); }
     size_t Frames() const { return m_nFrames.load(std::memory_order_acquire); }
-    // Channel c of captured frame i; i below Frames().
-    float Sample(unsigned c, size_t i) const { return m_Data[c][i]; }
+    float Sample(unsigned c, size_t i) const { return m_Data[c][i]; } // i below Frames()
     bool IsSilent(size_t i) const;
 
 private:
+    bool Connect(const std::string& other, const char* ours, unsigned channels, bool from);
     static int Process(jack_nframes_t nframes, void* arg);
 
     jack_client_t* m_pClient = nullptr;
-    std::string m_Name;
     std::vector<jack_port_t*> m_Inputs, m_Outputs;
     std::vector<std::vector<float>> m_Data; // written by the callback only
     std::atomic<size_t> m_nFrames{0};       // written by the callback only
@@ -49,8 +47,8 @@ private:
     std::atomic<uint32_t> m_nParam{0};
 };
 
-// Asked of the server through a client of its own, opened for each query
-// (an idle client kept open while modules come and go by the hundred can
-// hang libjack's close). Full port names, in server order.
+// Full names of the ports matching a pattern, in server order, or of the
+// ports connected to one port; asked through a client opened for the query
+// (one kept open while modules come and go by the hundred can hang libjack).
 std::vector<std::string> JackPorts(const std::string& server, const std::string& pattern, unsigned long flags = 0);
 std::vector<std::string> JackConnections(const std::string& server, const std::string& port);

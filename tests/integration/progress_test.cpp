@@ -94,7 +94,7 @@ protected:
 // report once a second, with every field filled from what they do; idle and
 // set-up modules stay silent. Underruns forced by freezing the player's
 // worker reach its next report, and each completion carries the sum of the
-// reports since the one before.
+// reports since the one before; tokens lost to the full queue are made good.
 TEST_F(Progress, RunningModulesReportAndCompletionsSumTheirUnderruns)
 {
     Create(kRec, 0);
@@ -125,14 +125,15 @@ TEST_F(Progress, RunningModulesReportAndCompletionsSumTheirUnderruns)
             if (done.size() == 1) {
                 // The second entry is longer than the play buffer. A seek leaves
                 // four periods in it; with its worker frozen for longer (the
-                // JACK threads run on), the player runs dry.
+                // JACK threads run on), the player runs dry, and its internal
+                // queue (200 tokens, one a period) fills up.
                 ASSERT_EQ(Seek(2, 7), eResultSuccess);
                 const pid_t tid = std::stoi(worker);
                 int status = 0;
                 ASSERT_EQ(ptrace(PTRACE_SEIZE, tid, nullptr, nullptr), 0) << strerror(errno);
                 ASSERT_EQ(ptrace(PTRACE_INTERRUPT, tid, nullptr, nullptr), 0);
                 ASSERT_EQ(waitpid(tid, &status, __WALL), tid);
-                usleep(1500000);
+                usleep(5500000);
                 ptrace(PTRACE_DETACH, tid, nullptr, nullptr);
             }
             continue;
@@ -165,6 +166,7 @@ TEST_F(Progress, RunningModulesReportAndCompletionsSumTheirUnderruns)
     EXPECT_GE(peakBuffer, 99u) << "a play buffer that ran dry is all free";
     EXPECT_GE(playReports[1], 2u) << "the seek's report and those of the last two seconds";
     EXPECT_GE(recReports, 3u);
+    EXPECT_TRUE(Printed(0, {"MQ void * RT Send failed Resource temporarily unavailable\r\n"}));
 
     // The idle player stays silent; the recorder reports until it stops.
     ASSERT_EQ(Cmd(kRec, eCmdStop, 2), eResultSuccess);
@@ -208,9 +210,9 @@ TEST_F(ProgressWithStatusOff, OnlyASeekReports)
     EXPECT_FALSE(m_Client.WaitUnrequested(m, 2500)) << "a running recorder and a paused player stay silent";
 }
 
-// The module table and the full displays of a recording recorder and a
-// playing player, line by line; '#' stands for a number that moves.
-TEST_F(Progress, DisplaysOfAPlayingPlayerAndARecordingRecorder)
+// The module table and the full display of a playing player, line by line;
+// '#' stands for a number that moves.
+TEST_F(Progress, TheModuleTableAndAPlayersDisplay)
 {
     Create(kRec, 1);
     ASSERT_EQ(Record(1, "take.wav", 30), eResultSuccess);
@@ -235,13 +237,6 @@ TEST_F(Progress, DisplaysOfAPlayingPlayerAndARecordingRecorder)
     EXPECT_TRUE(Shaped(Display(kPlay, eCmdHello, 1, table), table));
     const std::string header = "\r\n***** Slot # Debug Info *****\r\nType: ", footer = "*****************************\r\n\r\n";
     const std::string jack = "Jack Details: Rate 48000, buffer sz 1024\r\n";
-    const std::string recDisplay =
-        header + "Recorder, State: Running\r\n" + jack +
-        "Port Progress 0 of 0\r\nRT Buffer Used: # of # Frames\r\nSRC Buffer Used: # of # Frames\r\nSRC Ratio: 1.000000\r\n"
-        "File rolling: false, max len frames: 1440000 (0x15f900)\r\nFiletype: Interleaved\r\nFile Progress # of 1440000\r\n"
-        "File info: \n\tchannels: 1 \n\ttot frames: # \n\trate: 48000 \n\tseekable: #\r\n"
-        "Primary Filename: " + rec + " \r\nSecondary Filename: \r\n" + footer;
-    EXPECT_TRUE(Shaped(Display(kRec, eCmdQueryStatus, 1, recDisplay), recDisplay));
     const std::string playDisplay =
         header + "Player, State: Running\r\n" + jack + "Port Progress # of 432000\r\nFile Handler Internals\r\n" +
         std::string(35, '~') +
