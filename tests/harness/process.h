@@ -68,6 +68,7 @@ public:
     bool Start(unsigned capture = 8, unsigned playback = 8, const std::string& name = UniqueName(),
                unsigned portMax = 0);
     const std::string& Name() const { return m_Name; }
+    void Kill() { m_Process.Signal(9), m_Process.WaitExit(5000); } // without warning
 
 private:
     ChildProcess m_Process;

@@ -19,7 +19,8 @@ void ServerTest::SetUp()
     ASSERT_NE(mkdtemp(dir), nullptr);
     m_Dir = dir;
     ASSERT_TRUE(m_Client.Open()) << "could not bind the client socket path";
-    StartServer(ServerArgs());
+    if (m_bStartServer)
+        StartServer(ServerArgs());
 }
 
 void ServerTest::TearDown()

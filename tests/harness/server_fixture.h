@@ -64,6 +64,7 @@ protected:
     structFileCompletion Completion(enumZorPlayType type, int slot);
 
     static std::unique_ptr<JackServer> s_pJack;
+    bool m_bStartServer = true; // false: SetUp leaves the start to the test
     ZorPlayProcess m_Server;
     ProtocolClient m_Client;
     std::string m_Dir;
