@@ -71,9 +71,6 @@ protected:
     void SetUp() override
     {
         ServerTest::SetUp();
-        char dir[] = "/tmp/zp_fuzz_XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_Dir = dir;
         const std::string d = m_Dir + "/";
         m_Pool = {{"wav", d + "a.wav"}, {"wav44", d + "b.wav"}, {"1hz", d + "slow.wav"}, {"fast", d + "fast.wav"},
                   {"text", d + "t.txt"}, {"fifo", d + "fifo"}, {"dir", m_Dir}, {"zero", "/dev/zero"},
@@ -91,12 +88,6 @@ protected:
         for (const char* key : {"1hz", "wav", "fifo", "zero", "missing", "text", "wav44", "dir", "fast", "wav"})
             fprintf(f, "%s\n# remark\n\n", m_Pool[key].c_str());
         fclose(f);
-    }
-
-    void TearDown() override
-    {
-        ServerTest::TearDown();
-        std::filesystem::remove_all(m_Dir);
     }
 
     void Name(char* field, size_t size, const std::string& key)
@@ -172,7 +163,6 @@ protected:
         return ok;
     }
 
-    std::string m_Dir;
     std::map<std::string, std::string> m_Pool;
     long m_nRequests = 0, m_nSequences = 0;
 };

@@ -85,7 +85,6 @@ protected:
         return other.WaitExit(20000);
     }
     static bool s_bPrivate;
-    const std::string m_Dir = "/tmp/zp_hostile_" + std::to_string(getpid());
 };
 bool Hostile::s_bPrivate = false;
 
@@ -97,12 +96,11 @@ bool Hostile::s_bPrivate = false;
 
 TEST_F(Hostile, FailedSetupsLeaveNothingToStartAndBadFilesAreRefusedAtOnce)
 {
-    std::filesystem::create_directories(m_Dir);
     structSetupFile rec = {};
     auto recSetup = [&](int secondary, const std::string& name) {
         rec.bSecondary = secondary;
         strncpy(rec.szFilenames[0], name.c_str(), kRecordFilenameSize - 1);
-        return Cmd(eZorPlayRecorder, eCmdSetupFile, 3, &rec, sizeof(rec));
+        return Cmd(eZorPlayRecorder, eCmdSetupFile, 3, rec);
     };
     EXPECT_EQ(Create(eZorPlayRecorder, 3, 2, 0), eResultSuccess);
     EXPECT_EQ(recSetup(0, m_Dir + "/none/x.wav"), eResultCantOpenFile);
@@ -131,10 +129,9 @@ TEST_F(Hostile, FailedSetupsLeaveNothingToStartAndBadFilesAreRefusedAtOnce)
                                                 : payload.setupPlayFile.szFilename;
         strcpy(name, k.path.c_str());
         const int slot = k.type == eZorPlayPlayer ? 0 : 3;
-        EXPECT_TRUE(Prints([&] { return Cmd(k.type, k.cmd, slot, &payload, sizeof(payload)); }, k.result, k.line));
+        EXPECT_TRUE(Prints([&] { return Cmd(k.type, k.cmd, slot, payload); }, k.result, k.line));
         EXPECT_EQ(Cmd(eZorPlayRecorder, eCmdHello, 0), eResultSuccess);
     }
-    std::filesystem::remove_all(m_Dir);
 }
 
 TEST_F(Hostile, OtherUsersNeitherOverwriteRootsFilesNorControlNorListen)
