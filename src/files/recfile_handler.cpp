@@ -132,11 +132,14 @@ enumZorPlayResult CRecFileHandler::SetupSecondary(structSetupFile* pSetup)
     if (m_pSndFiles[0] == nullptr)
         return eResultNeedPrimary;
     // Only the names and the length are taken: the next files get the format
-    // of the primary set.
-    if (!CopyFilenames(m_szSecondaryNames, pSetup->szFilenames)) {
+    // of the primary set. A refused list leaves the names prepared before it.
+    RecNameList names;
+    ClearFilenames(names);
+    if (!CopyFilenames(names, pSetup->szFilenames)) {
         puts("can't open record file: filenames appear to be invalid...\r");
         return eResultEmptyFilenames;
     }
+    memcpy(m_szSecondaryNames, names, sizeof(names));
     m_nSecondaryMaxLenFrames = MaxLenFrames(pSetup->nFileSeconds);
     return eResultSuccess;
 }
