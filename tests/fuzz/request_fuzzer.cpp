@@ -35,11 +35,14 @@ struct Step {
 };
 using Sequence = std::vector<Step>;
 
-// Sequences that once crashed the server, minimised.
+// Sequences that once crashed or hung the server, minimised.
 const Sequence kRegressions[] = {
     // A secondary record set-up after a failed primary one was taken, and Start recorded without a buffer.
     {{R, eCmdCreate, 3, 0, {2, 0}, {}}, {R, eCmdSetupFile, 3, 0, {0}, {"nodir"}},
      {R, eCmdSetupFile, 3, 0, {1}, {"rec"}}, {R, eCmdStart, 3, 0, {}, {}}, {R, kSleep, 0, 0, {300}, {}}},
+    // A playlist naming /dev/zero was read for ever; a FIFO blocked its set-up until someone wrote to it.
+    {{P, eCmdCreate, 0, 0, {2, 0}, {}}, {P, eCmdSetupPlaylist, 0, 0, {}, {"zero"}},
+     {P, eCmdSetupPlayFile, 0, 0, {0}, {"fifo"}}},
 };
 
 std::string Show(const Sequence& seq)
