@@ -73,8 +73,12 @@ protected:
     // Starts argv as uid 65534; argv empty: this binary in the given role.
     static void StartAsOtherUser(ChildProcess& other, std::vector<std::string> argv, const std::string& role = "")
     {
-        if (argv.empty())
-            argv.push_back(std::filesystem::read_symlink("/proc/self/exe"));
+        if (argv.empty()) { // a copy the other user can reach, wherever the build lives
+            const std::string copy = "/tmp/zp_other_user";
+            std::filesystem::copy_file("/proc/self/exe", copy, std::filesystem::copy_options::overwrite_existing);
+            chmod(copy.c_str(), 0755);
+            argv.push_back(copy);
+        }
         argv.insert(argv.begin(), {"/usr/bin/setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups"});
         EXPECT_TRUE(other.Start(argv, {"ZP_OTHER_USER=" + role}));
     }
