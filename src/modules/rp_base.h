@@ -232,7 +232,7 @@ protected:
     CFileHandler* m_pFileHandler;
     // The module's real-time gate: the callback brackets each cycle with
     // Enter and Leave. The worker parks it around anything the callback must
-    // not see half done: a flush or restaging of the play buffers, and every
+    // not see half done: a flush or restaging of the play buffers, and a
     // player command's decision on the state together with the events
     // applied before it. Waiting at it once (park, unpark) after leaving a
     // state guarantees that no cycle that saw the old state is still running.

@@ -6,10 +6,13 @@
 // filled in File Ready and Paused, and reports through the event ring what
 // happened at the ports: a roll to the next file, the end of play. The worker
 // applies those reports (a roll-over completion, Draining back to Running;
-// the final completion and Idle) and every command's transition. A command
-// decides with the callback parked and every earlier report applied, so it
-// always meets the state as it is: a Stop, Pause, wind, skip or set-up that
-// meets the end of play comes either wholly before it or wholly after it.
+// the final completion and Idle) and every command's transition, after every
+// report made before the command. A command that changes what the callback
+// plays (stop, wind, seek, skip, set-up while playing) decides with the
+// callback parked, so it meets the state as it is and comes wholly before or
+// wholly after an end of play. Pause and Start without a wind only flip the
+// state; an end of play reported meanwhile is applied after them and still
+// leaves the module Idle with its final completion.
 #pragma once
 
 #include "files/playfile_handler.h"
