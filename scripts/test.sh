@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and runs every test: the plain build, then AddressSanitizer with
-# UndefinedBehaviorSanitizer, then ThreadSanitizer on the unit and stress tests.
+# UndefinedBehaviorSanitizer, then ThreadSanitizer on the unit and stress tests
+# and on the integration tests, which then drive the sanitized server.
 set -euo pipefail
 source "$(dirname "$0")/common.sh"
 
@@ -33,8 +34,8 @@ ZP_FUZZ_SECONDS=$ZP_FUZZ_SECONDS ZOR_PLAY_BIN="$ZP_ROOT/build/asan/zor_play" \
   "$ZP_ROOT/build/asan/tests/fuzz/request_fuzzer" --gtest_filter=Fuzz.RandomSequences
 unset ASAN_OPTIONS LSAN_OPTIONS UBSAN_OPTIONS
 
-echo "== thread sanitizer (unit and stress tests)"
+echo "== thread sanitizer (unit tests, and integration tests against the sanitized server)"
 zp_build tsan tsan
-TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_ctest tsan -L unit
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_ctest tsan
 
 echo "All tests passed."

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -72,7 +73,8 @@ bool ChildProcess::Start(const std::vector<std::string>& argv, const std::vector
         dup2(pipeInput ? in[0] : open("/dev/null", O_RDONLY), 0);
         dup2(m_nOutputFD[0], 1);
         dup2(m_nOutputFD[1], 2);
-        setpgid(0, 0); // a SIGINT typed at the test's terminal does not reach it
+        setpgid(0, 0);                   // a SIGINT typed at the test's terminal does not reach it
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // nor does the child outlive a test that dies
         execve(args[0], args.data(), envp.data());
         _exit(127);
     }

@@ -28,6 +28,8 @@ void ServerTest::TearDown()
     if (m_Server.Running()) {
         EXPECT_EQ(m_Server.Stop(), 0) << "zor_play did not stop cleanly; output:\n" << m_Server.Output();
     }
+    // A sanitizer's report on the server, which may have run on after it.
+    EXPECT_EQ(m_Server.Output(0, true).find("Sanitizer"), std::string::npos) << m_Server.Output(0, true);
     m_Client.Close();
     if (!m_Dir.empty()) {
         EXPECT_EQ(system(("rm -rf " + m_Dir).c_str()), 0);

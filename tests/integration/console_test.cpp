@@ -15,46 +15,40 @@ namespace {
 
 class Console : public ServerTest {
 protected:
-    void SetUp() override {}
-    void StartConsole(const std::vector<std::string>& extraArgs = {})
+    Console() { m_bStartServer = false; }
+    void StartConsole(const std::vector<std::string>& extraArgs = {}, bool steal = true)
     {
         std::vector<std::string> args{"-i", "-s"};
         args.insert(args.end(), extraArgs.begin(), extraArgs.end());
+        m_Client.Close(); // the console binds the client path
         ASSERT_TRUE(m_Server.Start(args, JackName(), true));
         ASSERT_TRUE(m_Server.WaitForOutput("x - halt everything and exit\r\n\r\n> ", 10000)) << m_Server.Output();
         ASSERT_TRUE(WaitUntil([] { return FileExists(kServerSocketPath) && FileExists(kClientSocketPath); }, 5000));
-    }
-    // Takes the server's socket path over, so that what the console sends
-    // arrives here; answers go back to the console's own client path.
-    void StealServerPath()
-    {
+        if (!steal)
+            return;
+        // Takes the server's socket path over, so that what the console sends
+        // arrives here; answers go back to the console's own client path.
         unlink(kServerSocketPath);
         m_nStolen = socket(AF_UNIX, SOCK_DGRAM, 0);
         const sockaddr_un addr = UnixAddress(kServerSocketPath);
         ASSERT_EQ(bind(m_nStolen, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)), 0);
     }
-    bool Receive(structZorPlayMsg& msg, int timeoutMs = 5000)
+    // Types a line (none: closes the input); true when a request reached the stolen path.
+    bool Type(const char* line, structZorPlayMsg& msg, int timeoutMs = 5000)
     {
+        EXPECT_TRUE(line ? m_Server.WriteInput(line + std::string("\n")) : (m_Server.CloseInput(), true));
         pollfd pfd{m_nStolen, POLLIN, 0};
         return poll(&pfd, 1, timeoutMs) > 0 && recv(m_nStolen, &msg, sizeof(msg), 0) == sizeof(msg);
-    }
-    // Types a line; true when the stolen server path received a request.
-    bool Type(const std::string& line, structZorPlayMsg& msg, int timeoutMs = 5000)
-    {
-        EXPECT_TRUE(m_Server.WriteInput(line + "\n"));
-        return Receive(msg, timeoutMs);
     }
     void ExpectPrinted(const structZorPlayMsg& msg, const std::string& text)
     {
         const sockaddr_un addr = UnixAddress(kClientSocketPath);
-        ASSERT_EQ(sendto(m_nStolen, &msg, sizeof(msg), 0, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)),
-                  static_cast<ssize_t>(sizeof(msg)));
+        sendto(m_nStolen, &msg, sizeof(msg), 0, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr));
         EXPECT_TRUE(m_Server.WaitForOutput(text)) << m_Server.Output();
     }
     void TearDown() override
     {
-        if (m_nStolen >= 0)
-            close(m_nStolen);
+        close(m_nStolen);
         ServerTest::TearDown();
     }
 
@@ -69,7 +63,6 @@ protected:
 TEST_F(Console, EachCommandSendsItsRequestAndParseErrorsSendNothing)
 {
     StartConsole();
-    StealServerPath();
     structZorPlayMsg m;
     for (const char* bad : {"GO", "go 0", "go 0 1 2", "# go 0 1", "", "sf x 0 name", "sp 1 y list"})
         EXPECT_FALSE(Type(bad, m, 300)) << "'" << bad << "' sent something";
@@ -124,8 +117,7 @@ TEST_F(Console, EachCommandSendsItsRequestAndParseErrorsSendNothing)
         }
     }
     EXPECT_TRUE(m_Server.WaitForOutput("Parameters not both integer\r\n"));
-    m_Server.CloseInput();
-    ASSERT_TRUE(Receive(m));
+    ASSERT_TRUE(Type(nullptr, m));
     EXPECT_EQ(m.eCmd, eCmdExit);
     EXPECT_EQ(m.nID, id);
 }
@@ -134,7 +126,6 @@ TEST_F(Console, EachCommandSendsItsRequestAndParseErrorsSendNothing)
 TEST_F(Console, PrintsResponsesAndUnrequestedMessages)
 {
     StartConsole();
-    StealServerPath();
     structZorPlayMsg m;
     ASSERT_TRUE(Type("go 0 1", m));
     m.nReq = eReqResponse;
@@ -166,7 +157,7 @@ TEST_F(Console, PrintsResponsesAndUnrequestedMessages)
 // turns its log category off again.
 TEST_F(Console, AgainstTheRealServer)
 {
-    StartConsole({"-e", "-i"});
+    StartConsole({"-e", "-i"}, false);
     // The module table comes from the server's thread and the log table from
     // the console's: the second is asked for once the first is out.
     ASSERT_TRUE(m_Server.WriteInput("h\nls\n"));
@@ -186,7 +177,7 @@ TEST_F(Console, AgainstTheRealServer)
 // its socket the console does not start and shutdown still ends.
 TEST_F(Console, InterruptAndAMissingSocketEndCleanly)
 {
-    StartConsole();
+    StartConsole({}, false);
     ASSERT_TRUE(m_Server.WaitUntilIdle());
     m_Server.Signal(SIGINT);
     EXPECT_EQ(m_Server.WaitExit(10000), 0) << m_Server.Output();

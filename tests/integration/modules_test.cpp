@@ -1,6 +1,6 @@
-// Modules driven over the socket: slots, argument checks, the base state
-// machine, JACK clients, ports and their connections, and teardown and failed
-// creations without leftovers; on the suite's 8 + 8 port JACK server and on
+// Modules driven over the socket: slots, argument checks, the state machine,
+// JACK clients, ports and their connections, and teardown and failed
+// creations without leftovers, on the suite's 8 + 8 port JACK server and on
 // servers of other shapes.
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -14,9 +14,6 @@ namespace {
 
 constexpr enumZorPlayType kRec = eZorPlayRecorder;
 constexpr enumZorPlayType kPlay = eZorPlayPlayer;
-const char kPortCountLine[] =
-    "Port number exceeds available JACK ports. Reduce num channels or first port number (offset).\n";
-
 using Names = std::vector<std::string>;
 
 class Modules : public ServerTest {
@@ -36,16 +33,11 @@ protected:
         return names;
     }
     // A JACK server of its own shape, and a zor_play (with args) against it.
-    void StartJack(unsigned capture, unsigned playback, unsigned portMax = 0,
-                   const std::vector<std::string>& args = {})
+    void StartJack(unsigned capture, unsigned playback, unsigned portMax = 0, const std::vector<std::string>& args = {})
     {
         ASSERT_EQ(m_Server.Stop(), 0);
         ASSERT_TRUE(m_Jack.Start(capture, playback, JackServer::UniqueName(), portMax));
         StartServer(args, m_Jack.Name());
-    }
-    bool NoModuleClients() const
-    {
-        return WaitUntil([&] { return Clients(m_Jack.Name()).empty(); }, 5000);
     }
     // Threads and descriptors of the server.
     std::vector<int> Resources() const
@@ -53,69 +45,43 @@ protected:
         const std::string proc = "/proc/" + std::to_string(m_Server.Pid());
         return {CountEntries(proc + "/task"), CountEntries(proc + "/fd")};
     }
-    // No module's queue is left in the system.
-    static void ExpectNoQueues()
-    {
-        if (CountEntries("/dev/mqueue") < 0) {
-            mkdir("/dev/mqueue", 0755);
-            mount("none", "/dev/mqueue", "mqueue", 0, nullptr);
-        }
-        std::vector<std::string> queues;
-        ASSERT_GE(CountEntries("/dev/mqueue", &queues), 0);
-        for (const std::string& q : queues)
-            EXPECT_EQ(q.find("MQ"), std::string::npos) << "queue left in the system: " << q;
-    }
 
     JackServer m_Jack;
 };
 
 } // namespace
 
-// Every slot of both kinds; the argument checks in their order with their
-// lines; deletes of one, of all of a kind, and of an empty slot.
-TEST_F(Modules, SlotsAndArgumentsAreCheckedInOrder)
+// Every slot of both kinds; argument checks in their order with their lines;
+// deletes of one, of all of a kind and of an empty slot; commands a module
+// refuses in its state or kind; the displays of a module and an empty slot.
+TEST_F(Modules, SlotsArgumentsAndStatesAreCheckedWithTheirLines)
 {
-    struct Case { int slot, channels, offset, result; const char* line; };
-    const Case cases[] = {
+    const struct { int slot, channels, offset, result; const char* line; } cases[] = {
         {4, 0, -1, eResultBadChannels, "Channels param 0 < 1\r\n"},
         {4, 9, -1, eResultBadOffset, "Offset param -1 < 0\r\n"},
         {4, 9, 0, eResultBadChannels, "Channels param 9 > 8\r\n"},
         {4, 1, 9, eResultBadOffset, "Offset param 9 > 8\r\n"},
         {8, 1, 0, eResultBadIndex, "Message fails validation: Module index out of bounds\r\n"},
     };
-    for (const Case& c : cases)
+    for (const auto& c : cases)
         for (enumZorPlayType type : {kRec, kPlay})
             EXPECT_TRUE(Prints([&] { return Create(type, c.slot, c.channels, c.offset); }, c.result, c.line));
-
-    std::set<std::string> all, recorders;
+    std::set<std::string> all;
     for (int slot = 0; slot < kMaxModuleSlots; ++slot) {
-        ASSERT_EQ(Create(kPlay, slot, 1, slot), eResultSuccess) << slot;
-        ASSERT_EQ(Create(kRec, slot, 1, slot), eResultSuccess) << slot;
-        char name[32];
-        snprintf(name, sizeof(name), "Recorder%03d", slot);
-        all.insert({name, "Player00" + std::to_string(slot)});
-        if (slot != 5)
-            recorders.insert(name);
+        ASSERT_EQ(Create(kPlay, slot, 1, slot) + Create(kRec, slot, 1, slot), eResultSuccess) << slot;
+        all.insert({"Recorder00" + std::to_string(slot), "Player00" + std::to_string(slot)});
     }
     EXPECT_EQ(Clients(JackName()), all);
-    EXPECT_TRUE(Prints([&] { return Create(kPlay, 3, 0, -1); }, eResultSlotOccupied, "Slot 3 is occupied.\r\n"))
-        << "the slot is checked before the channels";
-    EXPECT_EQ(Cmd(kPlay, eCmdDeleteAll, 0), eResultSuccess);
-    EXPECT_EQ(Cmd(kPlay, eCmdDeleteAll, 0), eResultSuccess) << "also with no players left";
+    EXPECT_TRUE(Prints([&] { return Create(kPlay, 3, 0, -1); }, eResultSlotOccupied, "Slot 3 is occupied.\r\n"));
+    EXPECT_EQ(Cmd(kPlay, eCmdDeleteAll, 0) + Cmd(kPlay, eCmdDeleteAll, 0), eResultSuccess) << "also with none left";
     EXPECT_EQ(Cmd(kRec, eCmdDelete, 5), eResultSuccess);
     EXPECT_TRUE(Prints([&] { return Cmd(kRec, eCmdDelete, 5); }, eResultSlotEmpty, "Slot 5 is empty.\r\n"));
     EXPECT_TRUE(Prints([&] { return Cmd(kPlay, eCmdStart, 2); }, eResultSlotEmpty, "Slot 2 is empty.\r\n"));
-    EXPECT_EQ(Clients(JackName()), recorders);
-    // Offset 8 passes the manager's check and fails only at the connection.
-    EXPECT_EQ(Create(kPlay, 1, 1, 8), eResultNoConnect);
-}
+    EXPECT_EQ(Clients(JackName()).size(), 7u);
+    EXPECT_EQ(Create(kPlay, 1, 1, 8), eResultNoConnect) << "offset 8 passes the checks and fails at the connection";
+    EXPECT_EQ(Cmd(kRec, eCmdDeleteAll, 0), eResultSuccess);
 
-// Commands a module refuses in its state or kind, and the debug displays of
-// a module and of an empty slot.
-TEST_F(Modules, TheStateMachineAnswersOverTheSocket)
-{
-    ASSERT_EQ(Create(kRec, 0, 2, 0), eResultSuccess);
-    ASSERT_EQ(Create(kPlay, 0, 2, 0), eResultSuccess);
+    ASSERT_EQ(Create(kRec, 0, 2, 0) + Create(kPlay, 0, 2, 0), eResultSuccess);
     for (enumZorPlayType type : {kRec, kPlay}) {
         EXPECT_TRUE(Prints([&] { return Cmd(type, eCmdStart, 0); }, eResultNoFile, "Module can't start - needs file!\r\n"));
         EXPECT_EQ(Cmd(type, eCmdStop, 0), eResultNotRunning);
@@ -123,24 +89,18 @@ TEST_F(Modules, TheStateMachineAnswersOverTheSocket)
                            "Module not in state that can toggle pause\r\n"));
     }
     EXPECT_EQ(Cmd(kPlay, eCmdRewind, 0), eResultNotRunning) << "a player winds only while playing";
-    // Player commands sent to a recorder, and the record set-up sent to a
-    // player, with zero payloads of each command's record size.
+    // Player commands to a recorder and the record set-up to a player, with
+    // zero payloads of each command's record size.
     static const char zeros[sizeof(structSetupFile)] = {};
     const struct { enumZorPlayType type; enumZorPlayCmd cmd; size_t len; } wrongKind[] = {
-        {kRec, eCmdFastForward, 0},
-        {kRec, eCmdRewind, 0},
-        {kRec, eCmdSeek, sizeof(structSeekOperation)},
-        {kRec, eCmdSetupPlaylist, sizeof(structSetupPlaylist)},
-        {kRec, eCmdSkipInPlaylist, sizeof(structSkipInPlaylist)},
-        {kRec, eCmdSetupPlayFile, sizeof(structSetupPlayFile)},
-        {kPlay, eCmdSetupFile, sizeof(structSetupFile)},
-    };
+        {kRec, eCmdFastForward, 0}, {kRec, eCmdRewind, 0}, {kRec, eCmdSeek, sizeof(structSeekOperation)},
+        {kRec, eCmdSetupPlaylist, sizeof(structSetupPlaylist)}, {kRec, eCmdSkipInPlaylist, sizeof(structSkipInPlaylist)},
+        {kRec, eCmdSetupPlayFile, sizeof(structSetupPlayFile)}, {kPlay, eCmdSetupFile, sizeof(structSetupFile)}};
     for (const auto& w : wrongKind)
         EXPECT_EQ(m_Client.Call(w.type, w.cmd, 0, zeros, w.len), eResultWrongModuleType) << "command " << w.cmd;
     EXPECT_TRUE(Prints([&] { return Cmd(kRec, eCmdQueryStatus, 0); }, eResultSuccess,
                        "\r\n***** Slot 0 Debug Info *****\r\nType: Recorder, State: Idle\r\n"
                        "Jack Details: Rate 48000, buffer sz 1024\r\nPort Progress 0 of 0\r\n"));
-    EXPECT_TRUE(m_Server.WaitForOutput("*****************************\r\n\r\n"));
     EXPECT_TRUE(Prints([&] { return Cmd(kPlay, eCmdQueryStatus, 4); }, eResultSuccess,
                        "\r\n***** Slot 4 Debug Info *****\r\nSlot 4 is empty.\r\n*****************************\r\n\r\n"));
 }
@@ -150,10 +110,8 @@ TEST_F(Modules, TheStateMachineAnswersOverTheSocket)
 // Exit and an interrupt with modules of both kinds end cleanly.
 TEST_F(Modules, CyclesAndFailedCreationsLeaveNothingBehind)
 {
-    // One module first, so that libjack's own threads and descriptors are in the baseline.
-    ASSERT_EQ(Create(kRec, 7, 1, 0), eResultSuccess);
+    ASSERT_EQ(Create(kRec, 7, 1, 0), eResultSuccess); // libjack's own threads and descriptors in the baseline
     const std::vector<int> before = Resources();
-    auto nothingLeft = [&] { return WaitUntil([&] { return Resources() == before; }, 5000); };
     for (int i = 0; i < 200; ++i) {
         const enumZorPlayType type = i % 2 ? kPlay : kRec;
         const size_t mark = m_Server.OutputSize();
@@ -162,32 +120,31 @@ TEST_F(Modules, CyclesAndFailedCreationsLeaveNothingBehind)
     }
     for (int i = 0; i < 10; ++i)
         ASSERT_EQ(Create(i % 2 ? kPlay : kRec, i % 7, 1, 8), eResultNoConnect) << "attempt " << i;
-    EXPECT_TRUE(nothingLeft()) << Resources()[0] << " threads, " << Resources()[1] << " descriptors";
     // A queue depth limit below 200 fails at the internal queue, with two queues open already.
     const std::string saved = ReadFile("/proc/sys/fs/mqueue/msg_max");
     WriteFile("/proc/sys/fs/mqueue/msg_max", "10");
-    if (ReadFile("/proc/sys/fs/mqueue/msg_max") == "10\n") {
-        const int answer = Create(kPlay, 4, 2, 0);
-        WriteFile("/proc/sys/fs/mqueue/msg_max", saved);
-        EXPECT_EQ(answer, eResultNoMsgQueue);
-        EXPECT_TRUE(Printed(0, {"Couldn't create queue named /MQInternalPlayer-4: err: 22 Invalid argument\r\n"
-                                "Is /proc/sys/fs/mqueue/msg_max large enough?\r\n"}));
-        EXPECT_TRUE(nothingLeft()) << Resources()[0] << " threads, " << Resources()[1] << " descriptors";
-        EXPECT_EQ(Cmd(kPlay, eCmdStart, 4), eResultSlotEmpty);
-    }
-    ASSERT_EQ(ReadFile("/proc/sys/fs/mqueue/msg_max"), saved);
+    const int answer = Create(kPlay, 4, 2, 0);
+    WriteFile("/proc/sys/fs/mqueue/msg_max", saved);
+    EXPECT_EQ(answer, eResultNoMsgQueue);
+    EXPECT_TRUE(Printed(0, {"Couldn't create queue named /MQInternalPlayer-4: err: 22 Invalid argument\r\n"
+                            "Is /proc/sys/fs/mqueue/msg_max large enough?\r\n"}));
+    EXPECT_TRUE(WaitUntil([&] { return Resources() == before; }, 5000))
+        << Resources()[0] << " threads, " << Resources()[1] << " descriptors";
     // The queues are unlinked as soon as they are open: while Recorder007
     // lives and answers, none of its names is in the system either.
     EXPECT_EQ(Cmd(kRec, eCmdStop, 7), eResultNotRunning);
-    ExpectNoQueues();
+    if (CountEntries("/dev/mqueue") < 0 && mkdir("/dev/mqueue", 0755) == 0)
+        mount("none", "/dev/mqueue", "mqueue", 0, nullptr);
+    Names queues;
+    ASSERT_GE(CountEntries("/dev/mqueue", &queues), 0);
+    for (const std::string& q : queues)
+        EXPECT_EQ(q.find("MQ"), std::string::npos) << "queue left in the system: " << q;
 
     for (bool byExit : {true, false}) {
         if (!byExit)
             StartServer(ServerArgs());
-        for (int slot : {1, 6}) {
-            ASSERT_EQ(Create(kRec, slot, 8, 0), eResultSuccess);
-            ASSERT_EQ(Create(kPlay, slot, 2, slot), eResultSuccess);
-        }
+        for (int slot : {1, 6})
+            ASSERT_EQ(Create(kRec, slot, 8, 0) + Create(kPlay, slot, 2, slot), eResultSuccess);
         if (byExit) {
             EXPECT_EQ(Cmd(kRec, eCmdExit, 0), eResultSuccess);
         }
@@ -195,55 +152,43 @@ TEST_F(Modules, CyclesAndFailedCreationsLeaveNothingBehind)
     }
 }
 
-// Each kind counts the system ports of its own direction; runs of ports from
-// an offset, overlapping runs, and a deleted module's client gone by the answer.
+// Each kind counts the system ports of its own direction: runs from an
+// offset, overlapping runs, runs past the end; a deleted module's client is
+// gone by the answer. Without system ports modules are refused, unless -nc.
 TEST_F(Modules, EachKindConnectsToTheSystemPortsOfItsDirection)
 {
+    const char portCount[] = "Port number exceeds available JACK ports. Reduce num channels or first port number (offset).\n";
     StartJack(2, 4);
     const Names playback = JackPorts(m_Jack.Name(), "system", JackPortIsInput);
     const Names capture = JackPorts(m_Jack.Name(), "system", JackPortIsOutput);
-    ASSERT_EQ(playback.size(), 4u);
-    ASSERT_EQ(capture.size(), 2u);
-    ASSERT_EQ(Create(kPlay, 0, 2, 1), eResultSuccess);
+    ASSERT_TRUE(playback.size() == 4 && capture.size() == 2);
+    ASSERT_EQ(Create(kPlay, 0, 2, 1) + Create(kPlay, 1, 2, 2) + Create(kRec, 0, 2, 0), eResultSuccess);
     EXPECT_EQ(Connections("Player000:output1"), Names{playback[1]});
-    EXPECT_EQ(Connections("Player000:output2"), Names{playback[2]});
-    ASSERT_EQ(Create(kPlay, 1, 2, 2), eResultSuccess); // ends on the last port, shares one
     EXPECT_EQ(Connections(playback[2]), (Names{"Player000:output2", "Player001:output1"}));
     EXPECT_EQ(Connections("Player001:output2"), Names{playback[3]});
-    ASSERT_EQ(Create(kRec, 0, 2, 0), eResultSuccess);
     EXPECT_EQ(Connections("Recorder000:input1"), Names{capture[0]});
     EXPECT_EQ(Connections("Recorder000:input2"), Names{capture[1]});
-    EXPECT_TRUE(Prints([&] { return Create(kRec, 1, 1, 2); }, eResultNoConnect, kPortCountLine));
-    EXPECT_TRUE(Prints([&] { return Create(kPlay, 2, 1, 4); }, eResultNoConnect, kPortCountLine));
-    ASSERT_EQ(Cmd(kPlay, eCmdDelete, 0), eResultSuccess);
-    ASSERT_EQ(Create(kPlay, 0, 1, 3), eResultSuccess);
+    EXPECT_TRUE(Prints([&] { return Create(kRec, 1, 1, 2); }, eResultNoConnect, portCount));
+    EXPECT_TRUE(Prints([&] { return Create(kPlay, 2, 1, 4); }, eResultNoConnect, portCount));
+    ASSERT_EQ(Cmd(kPlay, eCmdDelete, 0) + Create(kPlay, 0, 1, 3), eResultSuccess);
     EXPECT_EQ(JackPorts(m_Jack.Name(), "^Player000"), Names{"Player000:output1"});
     EXPECT_EQ(Connections("Player000:output1"), Names{playback[3]});
     EXPECT_EQ(Connections(playback[1]), Names{});
-}
 
-// Without system ports modules are refused, unless -nc, when both kinds
-// reach Idle with their ports unconnected.
-TEST_F(Modules, AServerWithoutSystemPortsTakesModulesOnlyUnconnected)
-{
     StartJack(0, 0);
-    for (enumZorPlayType type : {kPlay, kRec}) {
+    for (enumZorPlayType type : {kPlay, kRec})
         EXPECT_TRUE(Prints([&] { return Create(type, 0, 1, 0); }, eResultNoSystemPorts, "No system ports found at init.\r\n"));
-        EXPECT_EQ(Cmd(type, eCmdStart, 0), eResultSlotEmpty);
-    }
-    EXPECT_TRUE(NoModuleClients());
+    EXPECT_TRUE(WaitUntil([&] { return Clients(m_Jack.Name()).empty(); }, 5000));
     ASSERT_EQ(m_Server.Stop(), 0);
     StartServer({"-nc"}, m_Jack.Name());
-    ASSERT_EQ(Create(kPlay, 0, 2, 8), eResultSuccess);
-    ASSERT_EQ(Create(kRec, 7, 1, 0), eResultSuccess);
-    EXPECT_EQ(JackPorts(m_Jack.Name(), "^Player000:"), (Names{"Player000:output1", "Player000:output2"}));
-    EXPECT_EQ(JackPorts(m_Jack.Name(), "^Recorder007:"), Names{"Recorder007:input1"});
+    ASSERT_EQ(Create(kPlay, 0, 2, 8) + Create(kRec, 7, 1, 0), eResultSuccess);
+    EXPECT_EQ(JackPorts(m_Jack.Name(), "^(Player000|Recorder007):"),
+              (Names{"Player000:output1", "Player000:output2", "Recorder007:input1"}));
     for (const std::string& port : JackPorts(m_Jack.Name(), "^(Player000|Recorder007):"))
         EXPECT_EQ(Connections(port), Names{}) << port;
     EXPECT_TRUE(Prints([&] { return Cmd(kRec, eCmdHello, 1); }, eResultSuccess,
                        "\t[7]:  Recorder007 is Idle, Channels: 1, Offset: 0, filename: , file progress: %0\r\n"
-                       "Players:\r\n"
-                       "\t[0]:    Player000 is Idle, Channels: 2, Offset: 8, filename: , file progress: %0\r\n"));
+                       "Players:\r\n\t[0]:    Player000 is Idle, Channels: 2, Offset: 8, filename: , file progress: %0\r\n"));
 }
 
 // No JACK server: creation answers 14 until one is up. A port table too small
@@ -253,18 +198,14 @@ TEST_F(Modules, WithoutJackOrPortsCreationFailsAndLeavesNothing)
     const std::string name = JackServer::UniqueName();
     ASSERT_EQ(m_Server.Stop(), 0);
     StartServer({}, name);
-    EXPECT_TRUE(Prints([&] { return Create(kPlay, 0, 1, 0); }, eResultNoJack,
-                       "OpenJack: Couldn't open Jack client, status: 0x"));
-    EXPECT_EQ(Cmd(kPlay, eCmdStart, 0), eResultSlotEmpty);
+    EXPECT_TRUE(Prints([&] { return Create(kPlay, 0, 1, 0); }, eResultNoJack, "OpenJack: Couldn't open Jack client, status: 0x"));
     ASSERT_TRUE(m_Jack.Start(8, 8, name));
     EXPECT_EQ(Create(kPlay, 0, 1, 0), eResultSuccess);
 
-    // 21 entries, of which the server hands out 20: the 16 system ports leave four.
-    StartJack(8, 8, 21);
+    StartJack(8, 8, 21); // 21 entries, of which the server hands out 20: 16 system ports leave four
     EXPECT_TRUE(Prints([&] { return Create(kPlay, 0, 8, 0); }, eResultNoClientPorts,
                        "Player000: Can't create client port #4, named output5\r\n"
                        "May need to increase the maximum number of ports the JACK server can manage.\n"));
-    EXPECT_TRUE(NoModuleClients());
+    EXPECT_TRUE(WaitUntil([&] { return Clients(m_Jack.Name()).empty(); }, 5000));
     ASSERT_EQ(Create(kRec, 0, 4, 0), eResultSuccess); // the failed module's four ports were freed
-    EXPECT_EQ(JackPorts(m_Jack.Name(), "^Recorder000:").size(), 4u);
 }
