@@ -130,7 +130,10 @@ TEST_F(Progress, RunningModulesReportAndCompletionsSumTheirUnderruns)
                 ASSERT_EQ(Seek(2, 7), eResultSuccess);
                 const pid_t tid = std::stoi(worker);
                 int status = 0;
-                ASSERT_EQ(ptrace(PTRACE_SEIZE, tid, nullptr, nullptr), 0) << strerror(errno);
+                const long seized = ptrace(PTRACE_SEIZE, tid, nullptr, nullptr);
+                if (seized != 0 && errno == ENOSYS)
+                    GTEST_SKIP() << "ptrace is not implemented here (qemu-user): the worker cannot be frozen";
+                ASSERT_EQ(seized, 0) << strerror(errno);
                 ASSERT_EQ(ptrace(PTRACE_INTERRUPT, tid, nullptr, nullptr), 0);
                 ASSERT_EQ(waitpid(tid, &status, __WALL), tid);
                 usleep(5500000);
