@@ -3,7 +3,8 @@
 # build/armhf and runs the tests under qemu-arm: every unit test, then every
 # integration test with the armhf zor_play against an armhf jackd. Installs
 # what is missing first. Ends with the line "N passed, M failed" (test cases
-# over all programs); exits 1 when a test failed.
+# over all programs); exits 1 when a test failed. Test programs may be named
+# (scripts/build-armhf.sh it_progress_test) to run only those.
 #
 # No binfmt handler is assumed: every armhf program is started through
 # qemu-arm, the JACK tools and zor_play through small wrapper scripts. Each
@@ -94,10 +95,14 @@ run_program() {
   fi
 }
 
-echo "== unit tests under qemu-arm"
-for t in "$build"/tests/unit_*; do run_program "$(basename "$t")"; done
-echo "== integration tests under qemu-arm: armhf zor_play against an armhf jackd"
-for t in "$build"/tests/it_*; do run_program "$(basename "$t")"; done
+if [ $# -gt 0 ]; then
+  for t in "$@"; do run_program "$t"; done
+else
+  echo "== unit tests under qemu-arm"
+  for t in "$build"/tests/unit_*; do run_program "$(basename "$t")"; done
+  echo "== integration tests under qemu-arm: armhf zor_play against an armhf jackd"
+  for t in "$build"/tests/it_*; do run_program "$(basename "$t")"; done
+fi
 
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]
