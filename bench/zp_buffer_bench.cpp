@@ -1,7 +1,8 @@
-// The ring buffer's sample-at-a-time paths as the JACK callbacks use them,
-// each beside a plain loop doing the same copy over contiguous memory in the
-// same run. One period: 1024 frames x 8 channels, spread over 8 port buffers.
-// The figures that matter are the ratios printed at the end.
+// The ring buffer's paths as the JACK callbacks use them (the region calls)
+// and the sample-at-a-time calls, each beside a plain loop doing the same
+// copy over contiguous memory in the same run. One period: 1024 frames x 8
+// channels, spread over 8 port buffers. The figures that matter are the
+// ratios printed at the end.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -44,7 +45,7 @@ void DeinterleavePlain(benchmark::State& state)
     state.SetItemsProcessed(state.iterations() * kPeriod * kChannels);
 }
 
-// The player's callback: readable frames, then ReadSingle frame by frame,
+// Sample at a time: readable frames, then ReadSingle frame by frame,
 // channel by channel. The producer's WriteAdvance keeps one period readable.
 void DeinterleaveReadSingle(benchmark::State& state)
 {
@@ -76,7 +77,7 @@ void InterleavePlain(benchmark::State& state)
     state.SetItemsProcessed(state.iterations() * kPeriod * kChannels);
 }
 
-// The recorder's callback: writable frames, then WriteSingle frame by frame.
+// Sample at a time: writable frames, then WriteSingle frame by frame.
 // The consumer's ReadAdvance frees the period again.
 void InterleaveWriteSingle(benchmark::State& state)
 {
@@ -93,27 +94,15 @@ void InterleaveWriteSingle(benchmark::State& state)
     state.SetItemsProcessed(state.iterations() * kPeriod * kChannels);
 }
 
-// For comparison: the same callbacks through the region calls, which are
-// also consumer/producer-side and real-time safe, with one cursor store per
-// region instead of one per sample.
+// The callbacks as they are: readable (writable) frames, then one call that
+// copies through the regions and publishes the cursor once.
 void DeinterleaveRegions(benchmark::State& state)
 {
     Ports ports;
     CZPBuffer buf(kChannels, kRingFrames);
     buf.WriteAdvance(kPeriod);
     for (auto _ : state) {
-        CBufInfo info;
-        buf.GetReadInfo(info);
-        const unsigned first = std::min(kPeriod, info.m_nFirstFrames);
-        const unsigned second = std::min(kPeriod - first, info.m_nSecondFrames);
-        const float* in = info.m_pFirst;
-        for (unsigned f = 0; f < first + second; ++f) {
-            if (f == first)
-                in = info.m_pSecond;
-            for (unsigned ch = 0; ch < kChannels; ++ch)
-                ports.m_pPort[ch][f] = *in++;
-        }
-        buf.ReadAdvance(first + second);
+        buf.ReadDeinterleaved(ports.m_pPort, 0, std::min(buf.GetReadableFrames(), kPeriod));
         benchmark::ClobberMemory();
         buf.WriteAdvance(kPeriod);
     }
@@ -125,18 +114,7 @@ void InterleaveRegions(benchmark::State& state)
     Ports ports;
     CZPBuffer buf(kChannels, kRingFrames);
     for (auto _ : state) {
-        CBufInfo info;
-        buf.GetWriteInfo(info);
-        const unsigned first = std::min(kPeriod, info.m_nFirstFrames);
-        const unsigned second = std::min(kPeriod - first, info.m_nSecondFrames);
-        float* out = info.m_pFirst;
-        for (unsigned f = 0; f < first + second; ++f) {
-            if (f == first)
-                out = info.m_pSecond;
-            for (unsigned ch = 0; ch < kChannels; ++ch)
-                *out++ = ports.m_pPort[ch][f];
-        }
-        buf.WriteAdvance(first + second);
+        buf.WriteInterleaved(ports.m_pPort, std::min(buf.GetWritableFrames(), kPeriod));
         benchmark::ClobberMemory();
         buf.ReadAdvance(kPeriod);
     }

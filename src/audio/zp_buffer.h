@@ -8,9 +8,10 @@
 //
 // Who calls what:
 //   producer: GetWritableFrames, GetWriteInfo, WriteAdvance, WriteSingle,
-//             StuffSilence; the only thread that stores m_nWriteIndex.
-//   consumer: GetReadableFrames, GetReadInfo, ReadAdvance, ReadSingle;
-//             the only thread that stores m_nReadIndex.
+//             WriteInterleaved, StuffSilence; the only thread that stores
+//             m_nWriteIndex.
+//   consumer: GetReadableFrames, GetReadInfo, ReadAdvance, ReadSingle,
+//             ReadDeinterleaved; the only thread that stores m_nReadIndex.
 //   owner, while neither side is inside the buffer: Reset.
 // Each side publishes its cursor with a release store after touching the
 // samples it covers, and loads the other side's cursor with an acquire load,
@@ -65,6 +66,15 @@ public:
     void WriteAdvance(unsigned frames);   // producer
     inline float ReadSingle();            // consumer; real-time safe
     inline void WriteSingle(float value); // producer; real-time safe
+    // Consumer; real-time safe. Moves `frames` frames (no more than
+    // GetReadableFrames reported) out to one buffer per channel: channel c of
+    // frame f goes to dst[c][offset + f]. The read cursor is published once,
+    // after the copy, so a whole period costs one release store.
+    void ReadDeinterleaved(float* const* dst, unsigned offset, unsigned frames);
+    // Producer; real-time safe. Appends `frames` frames (no more than
+    // GetWritableFrames reported) from one buffer per channel: channel c of
+    // frame f comes from src[c][f]. The write cursor is published once.
+    void WriteInterleaved(const float* const* src, unsigned frames);
     void StuffSilence(unsigned frames);   // producer; min(frames, writable) zero frames
 
 private:

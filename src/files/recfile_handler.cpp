@@ -431,13 +431,14 @@ uint32_t CRecFileHandler::WriteMultiMono(CZPBuffer* pBuffer, uint32_t nTotal)
 {
     // One row per channel on the worker's stack: no allocation while recording.
     float rows[kRecMaxChannels][kRecBlockFrames];
+    float* pRows[kRecMaxChannels];
     const unsigned nChannels = std::min(m_nChannels, kRecMaxChannels);
+    for (unsigned c = 0; c < nChannels; ++c)
+        pRows[c] = rows[c];
     uint32_t nWritten = 0;
     while (nTotal > 0) {
         const uint32_t nBlock = std::min<uint32_t>(nTotal, kRecBlockFrames);
-        for (uint32_t f = 0; f < nBlock; ++f)
-            for (unsigned c = 0; c < nChannels; ++c)
-                rows[c][f] = pBuffer->ReadSingle();
+        pBuffer->ReadDeinterleaved(pRows, 0, nBlock);
         // Every channel gets the block even after another's write fell
         // short, so the files of the set end within one block of each other.
         for (unsigned c = 0; c < nChannels; ++c) {

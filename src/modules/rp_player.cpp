@@ -85,9 +85,7 @@ void CPlayer::PlayPeriod(float* const* ports, unsigned nframes)
         unsigned n = 0;
         if (playing) {
             n = readable < want ? readable : want;
-            for (unsigned f = 0; f < n; ++f)
-                for (unsigned c = 0; c < m_nChannels; ++c)
-                    ports[c][placed + f] = buffer->ReadSingle();
+            buffer->ReadDeinterleaved(ports, placed, n);
             placed += n;
         }
         SendRTRequest(eInternalService);

@@ -56,9 +56,7 @@ void CRecorder::RecordPeriod(const float* const* ports, unsigned nframes)
         m_nXrunCount.fetch_add(1, std::memory_order_relaxed);
         frames = writable;
     }
-    for (unsigned f = 0; f < frames; ++f)
-        for (unsigned c = 0; c < m_nChannels; ++c)
-            buffer->WriteSingle(ports[c][f]);
+    buffer->WriteInterleaved(ports, frames);
     SendRTRequest(eInternalService);
     m_Gate.Leave();
 }
