@@ -24,10 +24,15 @@ emu=$build/emu                # wrapper scripts
 echo "== armhf cross-build"
 cmake -S "$ZP_ROOT" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$ZP_ROOT/cmake/armhf-toolchain.cmake" \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZP_WERROR=ON >/dev/null
-# The server and its tests; the benchmarks are left to a build by hand.
-targets=$(cmake --build "$build" --target help | sed -n 's/^\.\.\. \(zor_play\|unit_[a-z0-9_]*\|it_[a-z0-9_]*\)$/\1/p')
+# The programs the integration tests start, as ctest names them to the tests
+# (ZOR_PLAY_BIN=... and the like): VARIABLE PATH lines.
+programs=$(ctest --test-dir "$build" --show-only=json-v1 | grep -o '"[A-Z_][A-Z0-9_]*=/[^"]*"' | tr -d '"' |
+  sort -u | tr '=' ' ')
+# Those and the tests; the benchmarks are left to a build by hand.
+targets=$(cmake --build "$build" --target help | sed -n 's/^\.\.\. \(unit_[a-z0-9_]*\|it_[a-z0-9_]*\)$/\1/p')
 # shellcheck disable=SC2086
-cmake --build "$build" -j "$ZP_JOBS" --target $targets >/dev/null
+cmake --build "$build" -j "$ZP_JOBS" --target $targets $(echo "$programs" | awk '{ sub(".*/", "", $2); print $2 }') \
+  >/dev/null
 
 # jackd2:armhf and the armhf libraries it loads that the -dev packages above
 # do not bring (the dummy driver needs no others).
@@ -50,7 +55,13 @@ for tool in jackd jack_wait jack_lsp jack_connect; do
   printf '#!/bin/sh\nexec qemu-arm -E LD_LIBRARY_PATH=%s -E JACK_DRIVER_DIR=/tmp/zp-jack-drivers %s "$@"\n' \
     "$libs" "$jack_root/usr/bin/$tool" >"$emu/$tool"
 done
-printf '#!/bin/sh\nexec qemu-arm %s "$@"\n' "$build/zor_play" >"$emu/zor_play"
+# Each program the tests start gets a wrapper that runs it under the emulator.
+program_env=()
+while read -r var path; do
+  [ -n "$var" ] || continue
+  printf '#!/bin/sh\nexec qemu-arm %s "$@"\n' "$path" >"$emu/$var"
+  program_env+=("$var=$emu/$var")
+done <<<"$programs"
 chmod +x "$emu"/*
 
 # In_namespace CMD...: runs CMD with a private /tmp, /dev/shm and IPC
@@ -78,7 +89,7 @@ passed=0 failed=0 skipped=0
 # reason of every skipped case.
 run_program() {
   local name=$1 log=$logs/$1.log p f s rc=0
-  in_namespace env ZOR_PLAY_BIN="$emu/zor_play" timeout -k 10 900 qemu-arm "$build/tests/$name" >"$log" 2>&1 || rc=$?
+  in_namespace env "${program_env[@]}" timeout -k 10 900 qemu-arm "$build/tests/$name" >"$log" 2>&1 || rc=$?
   p=$(sed -n 's/^\[  PASSED  \] \([0-9]*\) tests\{0,1\}\.$/\1/p' "$log")
   f=$(sed -n 's/^\[  FAILED  \] \([0-9]*\) tests\{0,1\}, listed below:$/\1/p' "$log")
   s=$(sed -n 's/^\[  SKIPPED \] \([0-9]*\) tests\{0,1\}, listed below:$/\1/p' "$log")
