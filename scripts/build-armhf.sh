@@ -51,9 +51,10 @@ libs=$jack_root/lib/arm-linux-gnueabihf:$jack_root/usr/lib/arm-linux-gnueabihf
 for tool in jackd jack_wait jack_lsp jack_connect; do
   # jackd finds its drivers by listing a folder, which a 32-bit program under
   # the emulator cannot do on a large ext4 folder (64-bit directory offsets):
-  # the dummy driver is copied into a tmpfs in the namespace.
-  printf '#!/bin/sh\nexec qemu-arm -E LD_LIBRARY_PATH=%s -E JACK_DRIVER_DIR=/tmp/zp-jack-drivers %s "$@"\n' \
-    "$libs" "$jack_root/usr/bin/$tool" >"$emu/$tool"
+  # the dummy driver is copied into a tmpfs mounted over emu/drivers in the
+  # namespace (not under /tmp, which some tests mount afresh).
+  printf '#!/bin/sh\nexec qemu-arm -E LD_LIBRARY_PATH=%s -E JACK_DRIVER_DIR=%s %s "$@"\n' \
+    "$libs" "$emu/drivers" "$jack_root/usr/bin/$tool" >"$emu/$tool"
 done
 # Each program the tests start gets a wrapper that runs it under the emulator.
 program_env=()
@@ -62,19 +63,40 @@ while read -r var path; do
   printf '#!/bin/sh\nexec qemu-arm %s "$@"\n' "$path" >"$emu/$var"
   program_env+=("$var=$emu/$var")
 done <<<"$programs"
+# Tests that run something as another user start it through setpriv, and
+# some start their own binary that way: setpriv runs an armhf program through
+# the emulator (the real setpriv is bind-mounted at emu/setpriv.real).
+cat >"$emu/setpriv" <<EOF
+#!/bin/bash
+args=() found=0
+for a in "\$@"; do
+  # An ELF file for ARM (e_machine 40 at byte 18) is the program to run.
+  if [ \$found = 0 ] && [ -f "\$a" ] && [ "\$(od -An -tx1 -N4 "\$a")" = " 7f 45 4c 46" ] &&
+     [ "\$(od -An -tx1 -j18 -N2 "\$a")" = " 28 00" ]; then
+    args+=(qemu-arm) found=1
+  fi
+  args+=("\$a")
+done
+exec "$emu/setpriv.real" "\${args[@]}"
+EOF
 chmod +x "$emu"/*
+mkdir -p "$emu/drivers"
+touch "$emu/setpriv.real"
 
 # In_namespace CMD...: runs CMD with a private /tmp, /dev/shm and IPC
-# namespace (queue depth raised) and the armhf JACK tools over the native ones.
+# namespace (queue depth raised), the armhf JACK tools over the native ones
+# and setpriv able to start armhf programs.
 in_namespace() {
   unshare --ipc --mount --propagation private bash -c '
     set -e
     mount -t tmpfs none /tmp
     mount -t tmpfs none /dev/shm
     echo 256 > /proc/sys/fs/mqueue/msg_max
-    mkdir /tmp/zp-jack-drivers
-    cp "$0/usr/lib/arm-linux-gnueabihf/jack/jack_dummy.so" /tmp/zp-jack-drivers/
+    mount -t tmpfs none "$1/drivers"
+    cp "$0/usr/lib/arm-linux-gnueabihf/jack/jack_dummy.so" "$1/drivers/"
     for tool in jackd jack_wait jack_lsp jack_connect; do mount --bind "$1/$tool" "/usr/bin/$tool"; done
+    mount --bind /usr/bin/setpriv "$1/setpriv.real"
+    mount --bind "$1/setpriv" /usr/bin/setpriv
     shift
     exec "$@"' "$jack_root" "$emu" "$@"
 }
@@ -98,7 +120,7 @@ run_program() {
   [ "$rc" -ne 0 ] && [ "$f" -eq 0 ] && f=1
   passed=$((passed + p)) failed=$((failed + f)) skipped=$((skipped + s))
   printf '%-36s %3d passed, %d failed, %d skipped\n' "$name" "$p" "$f" "$s"
-  grep -A1 ': Skipped$' "$log" | grep -v -e ': Skipped$' -e '^--$' | sed 's/^/    skipped: /' || true
+  grep -a -A1 ': Skipped$' "$log" | grep -v -e ': Skipped$' -e '^--$' -e '^$' | sed 's/^/    skipped: /' || true
   if [ "$f" -gt 0 ]; then
     echo "---- $name (exit status $rc) ----"
     cat "$log"
@@ -110,9 +132,9 @@ if [ $# -gt 0 ]; then
   for t in "$@"; do run_program "$t"; done
 else
   echo "== unit tests under qemu-arm"
-  for t in "$build"/tests/unit_*; do run_program "$(basename "$t")"; done
+  for t in $targets; do if [[ $t == unit_* ]]; then run_program "$t"; fi; done
   echo "== integration tests under qemu-arm: armhf zor_play against an armhf jackd"
-  for t in "$build"/tests/it_*; do run_program "$(basename "$t")"; done
+  for t in $targets; do if [[ $t == it_* ]]; then run_program "$t"; fi; done
 fi
 
 echo "$passed passed, $failed failed"

@@ -208,7 +208,7 @@ TEST_F(ProgressWithStatusOff, OnlyASeekReports)
         m = Next(-1, 0);
         EXPECT_TRUE(m.eType == kPlay && m.eCmd == eCmdFileProgress && m.nIndex == 3);
         const structFileProgress& p = m.payload.fileProgress;
-        EXPECT_EQ(std::vector<long>({p.nState, p.nElapsed, p.nRemaining, p.nMax}), std::vector<long>({state, 2, 1, 3}));
+        EXPECT_EQ(std::vector<long long>({p.nState, p.nElapsed, p.nRemaining, p.nMax}), std::vector<long long>({state, 2, 1, 3}));
     }
     EXPECT_FALSE(m_Client.WaitUnrequested(m, 2500)) << "a running recorder and a paused player stay silent";
 }
