@@ -7,8 +7,6 @@
 
 #include <climits>
 #include <cstring>
-#include <fcntl.h>
-#include <filesystem>
 #include <map>
 #include <random>
 #include <sstream>
@@ -83,14 +81,12 @@ protected:
         WriteWav(m_Pool["wav44"], 44100, 1, 9000);
         WriteWav(m_Pool["1hz"], 1, 2, 4);
         WriteWav(m_Pool["fast"], INT_MAX, 2, 4);
-        FILE* f = fopen(m_Pool["text"].c_str(), "w");
-        fputs("not a sound file\n", f);
-        fclose(f);
+        WriteFile(m_Pool["text"], "not a sound file\n");
         ASSERT_EQ(mkfifo(m_Pool["fifo"].c_str(), 0600), 0);
-        f = fopen(m_Pool["list"].c_str(), "w");
+        std::string list;
         for (const char* key : {"1hz", "wav", "fifo", "zero", "missing", "text", "wav44", "dir", "fast", "wav"})
-            fprintf(f, "%s\n# remark\n\n", m_Pool[key].c_str());
-        fclose(f);
+            list += m_Pool[key] + "\n# remark\n\n";
+        WriteFile(m_Pool["list"], list);
     }
 
     void Name(char* field, size_t size, const std::string& key)

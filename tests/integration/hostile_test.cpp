@@ -7,7 +7,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -20,27 +19,17 @@
 
 namespace {
 
-int Datagram(const char* bindTo)
-{
-    const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, bindTo ? bindTo : "", sizeof(addr.sun_path) - 1);
-    if (bindTo && bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0)
-        return -1;
-    return fd;
-}
-
-// A request from a socket of its own; 0 or the errno of the send.
-int SendRequest(int fd, enumZorPlayType type, enumZorPlayCmd cmd, int index)
+// A request from an unbound socket; 0 or the errno of the send.
+int SendRequest(enumZorPlayType type, enumZorPlayCmd cmd, int index)
 {
     structZorPlayMsg msg = {};
     msg.nLength = sizeof(msg), msg.eType = type, msg.eCmd = cmd, msg.nIndex = index;
     msg.payload.addModule.nChannels = 2;
-    sockaddr_un to = {};
-    to.sun_family = AF_UNIX;
-    strncpy(to.sun_path, kServerSocketPath, sizeof(to.sun_path) - 1);
-    return sendto(fd, &msg, sizeof(msg), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)) < 0 ? errno : 0;
+    const sockaddr_un to = UnixAddress(kServerSocketPath);
+    const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    const int result = sendto(fd, &msg, sizeof(msg), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to)) < 0 ? errno : 0;
+    close(fd);
+    return result;
 }
 
 // This binary run again as the other user: "send" a Hello (exit status 0 or
@@ -50,12 +39,15 @@ const int kOtherUserRole = [] {
     if (!role)
         return 0;
     if (strcmp(role, "send") == 0)
-        _exit(SendRequest(Datagram(nullptr), eZorPlayRecorder, eCmdHello, 0));
-    const int fd = Datagram(kClientSocketPath);
+        _exit(SendRequest(eZorPlayRecorder, eCmdHello, 0));
+    const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    const sockaddr_un me = UnixAddress(kClientSocketPath);
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&me), sizeof(me)) != 0)
+        _exit(2);
     timeval wait = {3, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait));
     char byte;
-    _exit(fd < 0 ? 2 : recv(fd, &byte, 1, 0) > 0 ? 1 : 0);
+    _exit(recv(fd, &byte, 1, 0) > 0 ? 1 : 0);
 }();
 
 class Hostile : public ServerTest {
@@ -144,16 +136,14 @@ TEST_F(Hostile, OtherUsersNeitherOverwriteRootsFilesNorControlNorListen)
     // A /tmp/info planted with a link to a file of root's.
     ASSERT_EQ(m_Server.Stop(), 0);
     std::filesystem::remove_all("/tmp/info");
-    std::ofstream("/tmp/secret") << "secret";
+    WriteFile("/tmp/secret", "secret");
     chmod("/tmp/secret", 0600);
     ASSERT_EQ(AsOtherUser({"/bin/sh", "-c", "mkdir /tmp/info && ln -s /tmp/secret /tmp/info/zor_play_pid"}), 0);
     const mode_t mask = umask(0);
     StartServer({});
     umask(mask);
     EXPECT_TRUE(m_Server.WaitForOutput("Info directory /tmp/info not used (owned by another user)", 5000));
-    std::stringstream secret;
-    secret << std::ifstream("/tmp/secret").rdbuf();
-    EXPECT_EQ(secret.str(), "secret");
+    EXPECT_EQ(ReadFile("/tmp/secret"), "secret");
 
     // Under umask 000 the socket admits the server's user and group only.
     struct stat st;
@@ -167,9 +157,7 @@ TEST_F(Hostile, OtherUsersNeitherOverwriteRootsFilesNorControlNorListen)
     ChildProcess listener;
     StartAsOtherUser(listener, {}, "listen");
     ASSERT_TRUE(WaitUntil([] { return FileExists(kClientSocketPath); }, 10000));
-    const int fd = Datagram(nullptr);
-    EXPECT_EQ(SendRequest(fd, eZorPlayPlayer, eCmdCreate, 0), 0);
-    close(fd);
+    EXPECT_EQ(SendRequest(eZorPlayPlayer, eCmdCreate, 0), 0);
     EXPECT_TRUE(m_Server.WaitForOutput("belongs to uid 65534, who may not control this server", 10000));
     EXPECT_EQ(listener.WaitExit(20000), 0) << "the other user received a datagram";
     ASSERT_TRUE(m_Client.Open());
