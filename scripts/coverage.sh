@@ -10,7 +10,8 @@ zp_raise_queue_depth
 
 dir=$ZP_ROOT/build/coverage
 cmake -S "$ZP_ROOT" -B "$dir" -DCMAKE_BUILD_TYPE=Debug -DZP_SANITIZER= \
-      -DCMAKE_CXX_FLAGS="--coverage -fprofile-update=atomic -O0" -DCMAKE_EXE_LINKER_FLAGS="--coverage" >/dev/null
+      -DCMAKE_C_FLAGS="--coverage -fprofile-update=atomic -O0" -DCMAKE_CXX_FLAGS="--coverage -fprofile-update=atomic -O0" \
+      -DCMAKE_EXE_LINKER_FLAGS=--coverage -DCMAKE_SHARED_LINKER_FLAGS=--coverage >/dev/null
 cmake --build "$dir" -j "$ZP_JOBS"
 find "$dir" -name '*.gcda' -delete
 ctest --test-dir "$dir" --output-on-failure -j "$ZP_JOBS" "$@"
