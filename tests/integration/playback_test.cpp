@@ -261,6 +261,8 @@ TEST_F(Playback, PlaylistsPlayGaplesslyAndAnswerEveryFailureWithItsLines)
                                     "\r\n" + text + "\r\n" + f[2] + "\n\n" + f[3] + "\r\n" + f[4]);
     WriteFile(Path("blank.txt"), "# nothing\n\n   # still nothing\r\n");
     WriteFile(Path("bad.txt"), missing + "\n" + text + "\n");
+    WriteFile(Path("huge.txt"), "");
+    ASSERT_EQ(truncate(Path("huge.txt").c_str(), 65535LL * 1026 + 1), 0) << "more than a list can hold";
     const int fd = socket(AF_UNIX, SOCK_DGRAM, 0); // a file that exists, but is no regular file
     const sockaddr_un addr = UnixAddress(sock.c_str());
     ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)), 0);
@@ -272,6 +274,7 @@ TEST_F(Playback, PlaylistsPlayGaplesslyAndAnswerEveryFailureWithItsLines)
         {f[0], false, eResultNotIdle, {"Using playlist - can't add manual files\r\n"}},
         {missing, true, eResultPathMissing, {noFile, "Playlist file " + missing + " doesn't exist\r\n"}},
         {sock, true, eResultPathMissing, {sock + " is a socket, not a regular file\r\n"}},
+        {Path("huge.txt"), true, eResultPathMissing, {"Playlist file " + Path("huge.txt") + " is 67238911 bytes long"}},
     };
     for (const auto& k : cases) {
         const size_t mark = m_Server.OutputSize();
@@ -281,6 +284,8 @@ TEST_F(Playback, PlaylistsPlayGaplesslyAndAnswerEveryFailureWithItsLines)
             ASSERT_EQ(Cmd(eCmdStart), eResultSuccess);
         }
     }
+    EXPECT_TRUE(Prints([&] { return Cmd(eCmdQueryStatus); }, eResultSuccess, "Mode: Playlist \r\n"));
+    EXPECT_TRUE(Printed(0, {"\tPlaylist Info\r\n", "\t\tChans: 2, rate: 48000, len(frames): 7001\r\n"}));
     EXPECT_TRUE(Done(f[0], 0, f[1], 1));
     EXPECT_TRUE(Done(f[1], 1, f[2], 4, 1));
     EXPECT_TRUE(Done(f[2], 4, f[3], 5));

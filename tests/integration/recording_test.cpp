@@ -109,6 +109,10 @@ TEST_F(Recording, FilesHoldTheFedSignal)
                     names.push_back(Path("f" + std::to_string(slot) + std::to_string(format) + std::to_string(word) +
                                          "_" + std::to_string(c) + ".wav"));
                 ASSERT_EQ(SetupRecord(slot, names, format, 0, word), eResultSuccess);
+                if (format == 1 && word == 0) { // the display names every file
+                    EXPECT_TRUE(Prints([&] { return Cmd(kRec, eCmdQueryStatus, slot); }, eResultSuccess,
+                                       "Primary Filenames: " + names[0] + ", "));
+                }
                 ASSERT_EQ(Cmd(kRec, eCmdStart, slot), eResultSuccess);
                 const off_t bytes = 44 + 20000 * (format ? 1 : channels) * bits[word] / 8;
                 EXPECT_TRUE(WaitUntil([&] { return FileSize(names.back()) >= bytes; }, 20000));
