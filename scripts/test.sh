@@ -17,8 +17,8 @@ echo "== plain build"
 zp_build default ""
 run_ctest default
 
-echo "== build without tests, installation and package"
-"$ZP_ROOT/scripts/check-install.sh"
+echo "== build without tests, installation, package; clang build"
+"$ZP_ROOT/scripts/check-install.sh" --clang
 
 echo "== address + undefined behaviour sanitizers"
 zp_build asan asan
