@@ -150,6 +150,7 @@ TEST_F(Server, AnswersGoToTheClientPathOnly)
     const char* otherPath = "/tmp/zp_test_other_client";
     const int other = socket(AF_UNIX, SOCK_DGRAM, 0);
     const sockaddr_un addr = UnixAddress(otherPath), server = UnixAddress(kServerSocketPath);
+    unlink(otherPath); // left by an earlier run in the same /tmp
     ASSERT_EQ(bind(other, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)), 0);
     const structZorPlayMsg req = Request(eZorPlayRecorder, eCmdHello, 0);
     auto send = [&] {
@@ -166,6 +167,7 @@ TEST_F(Server, AnswersGoToTheClientPathOnly)
     m_Client.Close();
     ASSERT_TRUE(send());
     close(other);
+    unlink(otherPath);
     EXPECT_TRUE(m_Server.WaitForOutput("SendResponse send() failed: No such file or directory\r\n"));
     ASSERT_TRUE(m_Client.Open());
     EXPECT_EQ(Cmd(eZorPlayPlayer, eCmdHello, 0), eResultSuccess);
