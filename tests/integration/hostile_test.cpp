@@ -67,7 +67,9 @@ protected:
     {
         if (argv.empty()) { // a copy the other user can reach, wherever the build lives
             const std::string copy = "/tmp/zp_other_user";
-            std::filesystem::copy_file("/proc/self/exe", copy, std::filesystem::copy_options::overwrite_existing);
+            // The file /proc/self/exe names: an emulator cannot copy through the link itself.
+            std::filesystem::copy_file(std::filesystem::read_symlink("/proc/self/exe"), copy,
+                                       std::filesystem::copy_options::overwrite_existing);
             chmod(copy.c_str(), 0755);
             argv.push_back(copy);
         }
