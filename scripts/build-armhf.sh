@@ -7,10 +7,11 @@
 # (scripts/build-armhf.sh it_progress_test) to run only those.
 #
 # No binfmt handler is assumed: every armhf program is started through
-# qemu-arm, the JACK tools and zor_play through small wrapper scripts. Each
-# integration program runs in its own private IPC and mount namespace (root
-# needed), where the wrappers are bind-mounted over /usr/bin/jackd and the
-# other JACK tools the tests start.
+# qemu-arm, the JACK tools and the programs the tests start (zor_play and the
+# like) through small wrapper scripts. Each test program runs in its own
+# private IPC and mount namespace (root needed), where the wrappers are
+# bind-mounted over /usr/bin/jackd, the other JACK tools and setpriv. A case
+# the emulator cannot run skips itself with its reason, which is printed.
 set -euo pipefail
 source "$(dirname "$0")/common.sh"
 
