@@ -12,8 +12,6 @@
 #include <sstream>
 #include <sys/stat.h>
 
-#include <sndfile.h>
-
 #include "harness/server_fixture.h"
 
 namespace {
@@ -58,15 +56,6 @@ std::string Show(const Sequence& seq)
     return out.str();
 }
 
-void WriteWav(const std::string& path, int rate, int channels, int frames)
-{
-    SF_INFO info = {0, rate, channels, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
-    SNDFILE* f = sf_open(path.c_str(), SFM_WRITE, &info);
-    std::vector<float> ramp(static_cast<size_t>(frames * channels), 0.25f);
-    sf_writef_float(f, ramp.data(), frames);
-    sf_close(f);
-}
-
 class Fuzz : public ServerTest {
 protected:
     void SetUp() override
@@ -77,10 +66,10 @@ protected:
                   {"text", d + "t.txt"}, {"fifo", d + "fifo"}, {"dir", m_Dir}, {"zero", "/dev/zero"},
                   {"missing", d + "none"}, {"nodir", d + "none/x.wav"}, {"list", d + "l.m3u"},
                   {"empty", ""}, {"rec", d + "r.wav"}, {"rec2", d + "r2.wav"}, {"null", "/dev/null"}, {"long", ""}};
-        WriteWav(m_Pool["wav"], 48000, 2, 12000);
-        WriteWav(m_Pool["wav44"], 44100, 1, 9000);
-        WriteWav(m_Pool["1hz"], 1, 2, 4);
-        WriteWav(m_Pool["fast"], INT_MAX, 2, 4);
+        const auto flat = [](uint32_t, unsigned) { return 0.25f; };
+        for (const auto& [key, channels, rate, frames] : {std::tuple{"wav", 2, 48000, 12000}, {"wav44", 1, 44100, 9000},
+                                                          {"1hz", 2, 1, 4}, {"fast", 2, INT_MAX, 4}})
+            WriteSound(m_Pool[key], channels, rate, SF_FORMAT_PCM_16, frames, flat);
         WriteFile(m_Pool["text"], "not a sound file\n");
         ASSERT_EQ(mkfifo(m_Pool["fifo"].c_str(), 0600), 0);
         std::string list;
@@ -166,12 +155,6 @@ protected:
     long m_nRequests = 0, m_nSequences = 0;
 };
 
-template <typename T, size_t N>
-T Pick(std::mt19937& rng, const T (&from)[N])
-{
-    return from[rng() % N];
-}
-
 // Mostly aimed at the sequence's own module (type, slot), with mostly
 // sensible values and the extremes mixed in, so that set-ups succeed often
 // enough for play, recording, roll-overs and completions to meet the rest.
@@ -183,6 +166,7 @@ Step RandomStep(std::mt19937& rng, int type, int slot)
     static const char* const kNames[] = {"wav", "wav", "wav", "wav44", "1hz", "fast", "text", "fifo", "dir",
                                          "zero", "missing", "nodir", "list", "list", "empty", "rec", "rec",
                                          "rec2", "rec2", "null", "long"};
+    const auto Pick = [](std::mt19937& rng, const auto& from) { return from[rng() % std::size(from)]; };
     const int cmd = Pick(rng, kCmds);
     Step s{rng() % 16 == 0 ? static_cast<int>(Pick(rng, kInts)) : rng() % 10 == 0 ? 1 - type : type, cmd,
            rng() % 16 == 0 ? static_cast<int>(Pick(rng, kInts)) : rng() % 10 == 0 ? static_cast<int>(rng() % 3) : slot,
@@ -213,10 +197,9 @@ TEST_F(Fuzz, Regressions)
 
 TEST_F(Fuzz, RandomSequences)
 {
-    const char* secondsText = getenv("ZP_FUZZ_SECONDS");
     const char* seedText = getenv("ZP_FUZZ_SEED");
-    const long seconds = secondsText ? atol(secondsText) : 30;
     const unsigned seed = seedText ? static_cast<unsigned>(atol(seedText)) : std::random_device()();
+    const long seconds = getenv("ZP_FUZZ_SECONDS") ? atol(getenv("ZP_FUZZ_SECONDS")) : 30;
     std::mt19937 rng(seed);
     const time_t end = time(nullptr) + seconds;
     while (time(nullptr) < end) {

@@ -11,8 +11,6 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <sndfile.h>
 
 #include "harness/server_fixture.h"
 #include "protocol/rp_server.h"
@@ -62,8 +60,8 @@ protected:
             std::ofstream("/proc/sys/fs/mqueue/msg_max") << 256;
         ServerTest::SetUpTestSuite();
     }
-    // Starts argv as uid 65534; argv empty: this binary in the given role.
-    static void StartAsOtherUser(ChildProcess& other, std::vector<std::string> argv, const std::string& role = "")
+    // Starts argv as uid 65534 (argv empty: this binary in the given role).
+    static ChildProcess& AsOtherUser(ChildProcess& other, std::vector<std::string> argv, const std::string& role = "")
     {
         if (argv.empty()) { // a copy the other user can reach, wherever the build lives
             const std::string copy = "/tmp/zp_other_user";
@@ -75,72 +73,53 @@ protected:
         }
         argv.insert(argv.begin(), {"/usr/bin/setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups"});
         EXPECT_TRUE(other.Start(argv, {"ZP_OTHER_USER=" + role}));
-    }
-    static int AsOtherUser(std::vector<std::string> argv, const std::string& role = "")
-    {
-        ChildProcess other;
-        StartAsOtherUser(other, argv, role);
-        return other.WaitExit(20000);
+        return other;
     }
     static bool s_bPrivate;
 };
 bool Hostile::s_bPrivate = false;
 
-#define NEEDS_ROOT()                                                                                             \
-    if (!s_bPrivate)                                                                                             \
-    GTEST_SKIP() << "needs root for a second user and a private /tmp"
-
 } // namespace
 
 TEST_F(Hostile, FailedSetupsLeaveNothingToStartAndBadFilesAreRefusedAtOnce)
 {
-    structSetupFile rec = {};
-    auto recSetup = [&](int secondary, const std::string& name) {
-        rec.bSecondary = secondary;
-        strncpy(rec.szFilenames[0], name.c_str(), kRecordFilenameSize - 1);
-        return Cmd(eZorPlayRecorder, eCmdSetupFile, 3, rec);
-    };
     EXPECT_EQ(Create(eZorPlayRecorder, 3, 2, 0), eResultSuccess);
-    EXPECT_EQ(recSetup(0, m_Dir + "/none/x.wav"), eResultCantOpenFile);
-    EXPECT_EQ(recSetup(1, m_Dir + "/x.wav"), eResultNeedPrimary);
+    EXPECT_EQ(SetupRecord(3, {m_Dir + "/none/x.wav"}), eResultCantOpenFile);
+    EXPECT_EQ(SetupRecord(3, {m_Dir + "/x.wav"}, 0, 0, 0, 0, 0, 1), eResultNeedPrimary); // secondary
     EXPECT_EQ(Cmd(eZorPlayRecorder, eCmdStart, 3), eResultNoFile);
 
     // A FIFO, a device and a WAV file at 1 Hz: each refused with a line,
     // and the server answers the Hello behind it.
     const std::string fifo = m_Dir + "/fifo", slow = m_Dir + "/slow.wav";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    SF_INFO info = {0, 1, 2, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
-    sf_close(sf_open(slow.c_str(), SFM_WRITE, &info));
+    ASSERT_TRUE(WriteSound(slow, 2, 1, SF_FORMAT_PCM_16, 4, [](uint32_t, unsigned) { return 0.0f; }));
     EXPECT_EQ(Create(eZorPlayPlayer, 0, 2, 0), eResultSuccess);
-    struct Case { enumZorPlayType type; enumZorPlayCmd cmd; std::string path; int result; std::string line; };
-    const Case cases[] = {
-        {eZorPlayPlayer, eCmdSetupPlayFile, fifo, 29, fifo + " is a FIFO, not a regular file\r\n"},
-        {eZorPlayPlayer, eCmdSetupPlaylist, fifo, 30, fifo + " is a FIFO, not a regular file\r\n"},
-        {eZorPlayPlayer, eCmdSetupPlaylist, "/dev/zero", 30, "/dev/zero is a character device, not a regular file\r\n"},
-        {eZorPlayRecorder, eCmdSetupFile, fifo, 29, fifo + " is a FIFO, not a regular file\r\n"},
-        {eZorPlayPlayer, eCmdSetupPlayFile, slow, 29, slow + ": a rate of 1 Hz cannot be converted to 48000 Hz\r\n"},
+    const std::string isFifo = fifo + " is a FIFO, not a regular file\r\n";
+    const std::tuple<std::function<int()>, int, std::string> cases[] = {
+        {[&] { return SetupPlay(0, fifo); }, 29, isFifo},
+        {[&] { return SetupPlaylist(0, fifo); }, 30, isFifo},
+        {[&] { return SetupPlaylist(0, "/dev/zero"); }, 30, "/dev/zero is a character device, not a regular file\r\n"},
+        {[&] { return SetupRecord(3, {fifo}); }, 29, isFifo},
+        {[&] { return SetupPlay(0, slow); }, 29, slow + ": a rate of 1 Hz cannot be converted to 48000 Hz\r\n"},
     };
-    for (const Case& k : cases) {
-        unionZorPlayPayload payload = {};
-        char* name = k.cmd == eCmdSetupPlaylist ? payload.setupPlaylist.szPlaylist
-                     : k.cmd == eCmdSetupFile   ? payload.setupFile.szFilenames[0]
-                                                : payload.setupPlayFile.szFilename;
-        strcpy(name, k.path.c_str());
-        const int slot = k.type == eZorPlayPlayer ? 0 : 3;
-        EXPECT_TRUE(Prints([&] { return Cmd(k.type, k.cmd, slot, payload); }, k.result, k.line));
+    for (const auto& [setup, result, line] : cases) {
+        EXPECT_TRUE(Prints(setup, result, line));
         EXPECT_EQ(Cmd(eZorPlayRecorder, eCmdHello, 0), eResultSuccess);
     }
 }
 
 TEST_F(Hostile, OtherUsersNeitherOverwriteRootsFilesNorControlNorListen)
 {
-    NEEDS_ROOT();
+    if (!s_bPrivate)
+        GTEST_SKIP() << "needs root for a second user and a private /tmp";
     // A /tmp/info planted with a link to a file of root's.
     ASSERT_EQ(m_Server.Stop(), 0);
     std::filesystem::remove_all("/tmp/info");
     WriteFile("/tmp/secret", "secret");
     chmod("/tmp/secret", 0600);
-    ASSERT_EQ(AsOtherUser({"/bin/sh", "-c", "mkdir /tmp/info && ln -s /tmp/secret /tmp/info/zor_play_pid"}), 0);
+    ChildProcess planter, sender, listener;
+    const char* plant = "mkdir /tmp/info && ln -s /tmp/secret /tmp/info/zor_play_pid";
+    ASSERT_EQ(AsOtherUser(planter, {"/bin/sh", "-c", plant}).WaitExit(20000), 0);
     const mode_t mask = umask(0);
     StartServer({});
     umask(mask);
@@ -151,13 +130,12 @@ TEST_F(Hostile, OtherUsersNeitherOverwriteRootsFilesNorControlNorListen)
     struct stat st;
     ASSERT_EQ(stat(kServerSocketPath, &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0660u);
-    EXPECT_EQ(AsOtherUser({}, "send"), EACCES);
+    EXPECT_EQ(AsOtherUser(sender, {}, "send").WaitExit(20000), EACCES);
 
     // A client path bound by the other user hears nothing; requests are still carried out.
     m_Client.Close();
     unlink(kClientSocketPath);
-    ChildProcess listener;
-    StartAsOtherUser(listener, {}, "listen");
+    AsOtherUser(listener, {}, "listen");
     ASSERT_TRUE(WaitUntil([] { return FileExists(kClientSocketPath); }, 10000));
     EXPECT_EQ(SendRequest(eZorPlayPlayer, eCmdCreate, 0), 0);
     EXPECT_TRUE(m_Server.WaitForOutput("belongs to uid 65534, who may not control this server", 10000));
