@@ -1,10 +1,7 @@
-// Sequence fuzzer: seeded random request sequences, built from extremes, sent
-// to the real server over the real socket. Every request must get exactly one
-// well-formed answer and the server must live through every sequence and stop
-// cleanly (a sanitizer build fails on any report). ZP_FUZZ_SECONDS sets how
-// long the random run lasts (30 s unless set), ZP_FUZZ_SEED its seed.
-#include <gtest/gtest.h>
-
+// Sequence fuzzer: seeded random request sequences, built from extremes, sent to the real server over the real
+// socket. Every request must get exactly one well-formed answer and the server must live through every sequence and
+// stop cleanly (a sanitizer build fails on any report). ZP_FUZZ_SECONDS sets how long the random run lasts (30 s
+// unless set), ZP_FUZZ_SEED its seed.
 #include <climits>
 #include <cstring>
 #include <map>
@@ -19,16 +16,10 @@ namespace {
 constexpr enumZorPlayType R = eZorPlayRecorder, P = eZorPlayPlayer;
 constexpr int kSleep = -1; // a pause of v[0] ms, letting audio run between requests
 
-// One request. v by command: Create {channels, offset}; SetupFile {secondary,
-// seconds, format, rate, word, roll}; SetupPlayFile {secondary}; Skip
-// {relative, skip}; Seek {seconds}. Names are keys of the file pool. mangle:
-// 1 bad version, 2 bad length, 3 not a request, 4 a 100-byte and 5 a
-// 4000-byte datagram.
-struct Step {
-    int type, cmd, index, mangle;
-    std::vector<int64_t> v;
-    std::vector<std::string> names;
-};
+// One request. v by command: Create {channels, offset}; SetupFile {secondary, seconds, format, rate, word, roll};
+// SetupPlayFile {secondary}; Skip {relative, skip}; Seek {seconds}. Names are keys of the file pool. mangle: 1 bad
+// version, 2 bad length, 3 not a request, 4 a 100-byte and 5 a 4000-byte datagram.
+struct Step { int type, cmd, index, mangle; std::vector<int64_t> v; std::vector<std::string> names; };
 using Sequence = std::vector<Step>;
 
 // Sequences that once crashed or hung the server, minimised.
@@ -63,9 +54,9 @@ protected:
         ServerTest::SetUp();
         const std::string d = m_Dir + "/";
         m_Pool = {{"wav", d + "a.wav"}, {"wav44", d + "b.wav"}, {"1hz", d + "slow.wav"}, {"fast", d + "fast.wav"},
-                  {"text", d + "t.txt"}, {"fifo", d + "fifo"}, {"dir", m_Dir}, {"zero", "/dev/zero"},
-                  {"missing", d + "none"}, {"nodir", d + "none/x.wav"}, {"list", d + "l.m3u"},
-                  {"empty", ""}, {"rec", d + "r.wav"}, {"rec2", d + "r2.wav"}, {"null", "/dev/null"}, {"long", ""}};
+                  {"text", d + "t.txt"}, {"fifo", d + "fifo"}, {"dir", m_Dir}, {"zero", "/dev/zero"}, {"empty", ""},
+                  {"missing", d + "none"}, {"nodir", d + "none/x.wav"}, {"list", d + "l.m3u"}, {"rec", d + "r.wav"},
+                  {"rec2", d + "r2.wav"}, {"null", "/dev/null"}, {"long", std::string(sizeof(unionZorPlayPayload), 'a')}};
         const auto flat = [](uint32_t, unsigned) { return 0.25f; };
         for (const auto& [key, channels, rate, frames] : {std::tuple{"wav", 2, 48000, 12000}, {"wav44", 1, 44100, 9000},
                                                           {"1hz", 2, 1, 4}, {"fast", 2, INT_MAX, 4}})
@@ -78,12 +69,10 @@ protected:
         WriteFile(m_Pool["list"], list);
     }
 
+    // The pool's file for key in a zeroed field; "long" fills the field, with no terminator.
     void Name(char* field, size_t size, const std::string& key)
     {
-        if (key == "long")
-            memset(field, 'a', size); // no terminator
-        else
-            strncpy(field, m_Pool.count(key) ? m_Pool[key].c_str() : key.c_str(), size - 1);
+        memcpy(field, m_Pool[key].data(), std::min(m_Pool[key].size(), size));
     }
 
     // Sends one step; true when it got exactly one well-formed answer.
@@ -131,8 +120,7 @@ protected:
                                 in.payload.eResult < eResultCount;
             if (len != sizeof(in) || (!unrequested && !answer))
                 return ADD_FAILURE() << "stray or malformed datagram: " << len << " bytes, nReq " << in.nReq
-                                     << ", ID " << in.nID << " (sent " << m.nID << ")",
-                       false;
+                                     << ", ID " << in.nID << " (sent " << m.nID << ")", false;
             if (answer)
                 return true;
         }
@@ -144,8 +132,7 @@ protected:
         ++m_nSequences;
         bool ok = true;
         for (const Step& s : seq)
-            if (!(ok = Send(s) && m_Server.Running()))
-                break;
+            ok = ok && Send(s) && m_Server.Running();
         ok = ok && Send({R, eCmdDeleteAll, 0, 0, {}, {}}) && Send({P, eCmdDeleteAll, 0, 0, {}, {}});
         EXPECT_TRUE(ok) << "failing sequence: " << Show(seq) << "\n" << m_Server.Output();
         return ok;
@@ -155,9 +142,8 @@ protected:
     long m_nRequests = 0, m_nSequences = 0;
 };
 
-// Mostly aimed at the sequence's own module (type, slot), with mostly
-// sensible values and the extremes mixed in, so that set-ups succeed often
-// enough for play, recording, roll-overs and completions to meet the rest.
+// Mostly aimed at the sequence's own module (type, slot), with mostly sensible values and the extremes mixed in, so
+// that set-ups succeed often enough for play, recording, roll-overs and completions to meet the rest.
 Step RandomStep(std::mt19937& rng, int type, int slot)
 {
     static const int kCmds[] = {0, 1, 2, 3, 3, 3, 3, 4, 4, 4, 5, 5, 6, 7, 9, 11, 11, 12, 12, 13, 13, 14, 14, 14,
@@ -199,9 +185,8 @@ TEST_F(Fuzz, RandomSequences)
 {
     const char* seedText = getenv("ZP_FUZZ_SEED");
     const unsigned seed = seedText ? static_cast<unsigned>(atol(seedText)) : std::random_device()();
-    const long seconds = getenv("ZP_FUZZ_SECONDS") ? atol(getenv("ZP_FUZZ_SECONDS")) : 30;
+    const time_t end = time(nullptr) + (getenv("ZP_FUZZ_SECONDS") ? atol(getenv("ZP_FUZZ_SECONDS")) : 30);
     std::mt19937 rng(seed);
-    const time_t end = time(nullptr) + seconds;
     while (time(nullptr) < end) {
         const int type = static_cast<int>(rng() % 2), slot = static_cast<int>(rng() % 3);
         Sequence seq = {{type, eCmdCreate, slot, 0, {static_cast<int64_t>(1 + rng() % 8), 0}, {}}};

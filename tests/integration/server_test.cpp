@@ -1,5 +1,5 @@
-// The server process on its own: options, start-up and shutdown, the header
-// check of every request, and the socket's behaviour towards clients.
+// The server process on its own: options, start-up and shutdown, the header check of every request, and the socket's
+// behaviour towards clients.
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -35,8 +35,7 @@ size_t Count(const std::string& text, const std::string& what)
 
 TEST(CommandLine, VersionAndHelpExitAtOnceAfterTheOptionsBeforeThem)
 {
-    // An unknown option is reported before the version, an empty one is
-    // skipped, and nothing after -v is looked at.
+    // An unknown option is reported before the version, an empty one is skipped, and nothing after -v is looked at.
     ChildProcess proc;
     const auto output = [&](const std::vector<std::string>& args) {
         EXPECT_EQ(RunOnce(proc, args), 0) << args[0];
@@ -78,27 +77,14 @@ TEST(CommandLine, VersionAndHelpExitAtOnceAfterTheOptionsBeforeThem)
     EXPECT_EQ(proc.Output().find("Creating RP server"), std::string::npos) << "nothing is started";
 }
 
-class Server : public ServerTest {
-protected:
-    structZorPlayMsg Request(enumZorPlayType type, enumZorPlayCmd cmd, int index)
-    {
-        return m_Client.MakeRequest(type, cmd, index);
-    }
-    int Answer(const structZorPlayMsg& req)
-    {
-        structZorPlayMsg resp;
-        return m_Client.Request(req, resp) ? static_cast<int>(resp.payload.eResult) : -1;
-    }
-};
+using Server = ServerTest;
 
-// A response is the request with nReq 1 and the result alone as payload (the
-// request fuzzer sends datagrams of every size). The header checks in their
-// order, each with its code and line; type and index are checked for every
-// command, even those that ignore them; commands only the server sends and
-// codes past the table answer 6.
+// A response is the request with nReq 1 and the result alone as payload (the request fuzzer sends datagrams of every
+// size). The header checks in their order, each with its code and line; type and index are checked for every command,
+// even those that ignore them; commands only the server sends and codes past the table answer 6.
 TEST_F(Server, ResponsesAndTheHeaderChecksInTheirOrder)
 {
-    structZorPlayMsg req = Request(eZorPlayPlayer, eCmdHello, 2), resp, expected;
+    structZorPlayMsg req = m_Client.MakeRequest(eZorPlayPlayer, eCmdHello, 2), resp, expected;
     memset(req.payload.raw, 0x5A, sizeof(req.payload.raw));
     expected = req;
     expected.nReq = eReqResponse;
@@ -106,29 +92,31 @@ TEST_F(Server, ResponsesAndTheHeaderChecksInTheirOrder)
     ASSERT_TRUE(m_Client.Request(req, resp));
     EXPECT_EQ(memcmp(&resp, &expected, sizeof(resp)), 0);
     const size_t mark = m_Server.OutputSize();
-    const structZorPlayMsg hello = Request(eZorPlayRecorder, eCmdHello, 0);
+    const structZorPlayMsg hello = m_Client.MakeRequest(eZorPlayRecorder, eCmdHello, 0);
     req = hello;
     req.nVersion = 1, req.nLength = 12; // the version is tested first
-    EXPECT_EQ(Answer(req), eResultBadVersion);
+    ASSERT_TRUE(m_Client.Request(req, resp));
+    EXPECT_EQ(resp.payload.eResult, eResultBadVersion);
     req = hello;
     req.nLength = 100;
     ASSERT_TRUE(m_Client.Request(req, resp));
     EXPECT_TRUE(resp.payload.eResult == eResultBadLength && resp.nLength == 100) << "a wrong length is echoed back";
     req = hello;
     req.nReq = eReqResponse;
-    EXPECT_EQ(Answer(req), eResultNotRequest);
+    ASSERT_TRUE(m_Client.Request(req, resp));
+    EXPECT_EQ(resp.payload.eResult, eResultNotRequest);
     ASSERT_TRUE(Printed(mark, {"Server message was not a request\r\n"}));
     EXPECT_EQ(m_Server.Output(mark),
               "Message fails validation: Unsupported protocol version\r\n"
               "Got msg size 100, expecting size 3236\r\nMessage fails validation: Message length incorrect\r\n"
               "Message fails validation: Server message was not a request\r\n");
     for (enumZorPlayCmd cmd : {eCmdHello, eCmdExit, eCmdDeleteAll, eCmdCreate}) {
-        EXPECT_EQ(Answer(Request(static_cast<enumZorPlayType>(2), cmd, 0)), eResultBadType) << cmd;
+        EXPECT_EQ(Cmd(static_cast<enumZorPlayType>(2), cmd, 0), eResultBadType) << cmd;
         for (int index : {8, -1})
-            EXPECT_EQ(Answer(Request(eZorPlayPlayer, cmd, index)), eResultBadIndex) << cmd << " " << index;
+            EXPECT_EQ(Cmd(eZorPlayPlayer, cmd, index), eResultBadIndex) << cmd << " " << index;
     }
     for (uint32_t cmd : {9u, 10u, 18u, 1000u})
-        EXPECT_EQ(Answer(Request(eZorPlayPlayer, static_cast<enumZorPlayCmd>(cmd), 0)), eResultUnknownCommand) << cmd;
+        EXPECT_EQ(Cmd(eZorPlayPlayer, static_cast<enumZorPlayCmd>(cmd), 0), eResultUnknownCommand) << cmd;
     const auto logged = [&] {
         const std::string out = m_Server.Output();
         return Count(out, "Message fails validation: Message not for player or recorder\r\n") == 4 &&
@@ -139,15 +127,14 @@ TEST_F(Server, ResponsesAndTheHeaderChecksInTheirOrder)
     EXPECT_FALSE(m_Client.WaitUnrequested(resp, 300)) << "an unrequested message";
     EXPECT_EQ(Cmd(eZorPlayPlayer, eCmdHello, 0), eResultSuccess) << "the refused Exit did not stop the server";
 
-    // Answers go to the client path only; with nobody there the send fails
-    // and serving goes on.
+    // Answers go to the client path only; with nobody there the send fails and serving goes on.
     const char* otherPath = "/tmp/zp_test_other_client";
     const int other = socket(AF_UNIX, SOCK_DGRAM, 0);
     const sockaddr_un addr = UnixAddress(otherPath), server = UnixAddress(kServerSocketPath);
     unlink(otherPath); // left by an earlier run in the same /tmp
     ASSERT_EQ(bind(other, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)), 0);
     ASSERT_EQ(connect(other, reinterpret_cast<const sockaddr*>(&server), sizeof(server)), 0);
-    req = Request(eZorPlayRecorder, eCmdHello, 0);
+    req = m_Client.MakeRequest(eZorPlayRecorder, eCmdHello, 0);
     ASSERT_EQ(send(other, &req, sizeof(req), 0), static_cast<ssize_t>(sizeof(req)));
     ASSERT_TRUE(m_Client.ReceiveAny(resp, 10000));
     EXPECT_TRUE(resp.nID == req.nID && resp.nReq == eReqResponse) << resp.nID << " " << resp.nReq;
@@ -163,8 +150,7 @@ TEST_F(Server, ResponsesAndTheHeaderChecksInTheirOrder)
     EXPECT_EQ(Cmd(eZorPlayPlayer, eCmdHello, 0), eResultSuccess);
 }
 
-// Info files, Exit, a leftover socket file, an interrupt, and a socket path
-// that cannot be bound.
+// Info files, Exit, a leftover socket file, an interrupt, and a socket path that cannot be bound.
 TEST_F(Server, ExitAndInterruptShutDownCleanly)
 {
     EXPECT_EQ(ReadFile(kPidFile), std::to_string(m_Server.Pid())) << "the pid file holds the bare process id";
