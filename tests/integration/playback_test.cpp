@@ -187,32 +187,6 @@ TEST_F(Playback, FilesPlayBitExactGaplessAndMappedOntoThePorts)
                 ASSERT_EQ(cap.Sample(c, start + n), want) << "channel " << c << " frame " << n;
             }
     }
-
-    // Manual set-ups refused with their lines leave the player idle; a fourth
-    // secondary is refused; a stop in File Ready reports the primary.
-    const std::string f = Path("f0.wav"), p = Path("p0.wav"), missing = Path("missing.wav"), text = Path("text.wav");
-    WriteFile(text, "not a sound file\n");
-    const struct { std::string path; int secondary, result; std::vector<std::string> lines; } cases[] = {
-        {f, 1, eResultNeedPrimary, {"Need primary files before secondary\r\n"}},
-        {missing, 0, eResultPathMissing,
-         {"DoesFileExist: could not access() '" + missing + "': No such file or directory\r\n",
-          "Primary Stage of " + missing + " failed\r\n"}},
-        {text, 0, eResultCantOpenFile, {"Couldn't open file: " + text + ": "}},
-        {f, 0, eResultSuccess, {}}, {f, 0, eResultNotIdle, {}},
-        {p, 1, eResultSuccess, {}}, {p, 1, eResultSuccess, {}}, {p, 1, eResultSuccess, {}},
-        {p, 1, eResultPathMissing, {"Secondary Stage of " + p + " failed\r\n"}},
-    };
-    for (const auto& k : cases) {
-        const size_t mark = m_Server.OutputSize();
-        EXPECT_EQ(SetupPlay(0, k.path, k.secondary), k.result) << k.path;
-        EXPECT_TRUE(Printed(mark, k.lines));
-        if (k.result != eResultSuccess && k.result != eResultNotIdle && k.secondary == 0) {
-            EXPECT_EQ(Cmd(eCmdStart), eResultNoFile);
-        }
-    }
-    EXPECT_EQ(Cmd(eCmdStop), eResultSuccess);
-    EXPECT_TRUE(Done(f, 0));
-    EXPECT_EQ(Cmd(eCmdStart), eResultNoFile);
 }
 
 // A 44100 Hz file is converted: its length comes out in 48000 Hz frames with
@@ -270,22 +244,20 @@ TEST_F(Playback, PlaylistsPlayGaplesslySkipAndAnswerEveryFailureWithItsLines)
     ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)), 0);
     close(fd);
     const std::string noFile = "DoesFileExist: could not access() '" + missing + "': No such file or directory\r\n";
-    const struct { std::string path; bool playlist; int result; std::vector<std::string> lines; } cases[] = {
-        {Path("list.txt"), true, eResultSuccess,
-         {noFile, "File node couldn't be created - " + missing + ": empty path, file nonexistent, file empty?\r\n"}},
-        {f[0], false, eResultNotIdle, {"Using playlist - can't add manual files\r\n"}},
-        {missing, true, eResultPathMissing, {noFile, "Playlist file " + missing + " doesn't exist\r\n"}},
-        {sock, true, eResultPathMissing, {sock + " is a socket, not a regular file\r\n"}},
-        {Path("huge.txt"), true, eResultPathMissing, {"Playlist file " + Path("huge.txt") + " is 67238911 bytes long"}},
-    };
-    for (const auto& k : cases) {
+    // A set-up of a primary ('p') or secondary ('s') file or of a list ('l')
+    // answers result, printing lines.
+    auto setup = [&](char kind, const std::string& path, int result, const std::vector<std::string>& lines = {}) {
         const size_t mark = m_Server.OutputSize();
-        EXPECT_EQ(k.playlist ? SetupPlaylist(0, k.path) : SetupPlay(0, k.path, 1), k.result) << k.path;
-        EXPECT_TRUE(Printed(mark, k.lines));
-        if (k.result == eResultSuccess) {
-            ASSERT_EQ(Cmd(eCmdStart), eResultSuccess);
-        }
-    }
+        EXPECT_EQ(kind == 'l' ? SetupPlaylist(0, path) : SetupPlay(0, path, kind == 's'), result) << path;
+        EXPECT_TRUE(Printed(mark, lines));
+    };
+    setup('l', Path("list.txt"), eResultSuccess,
+          {noFile, "File node couldn't be created - " + missing + ": empty path, file nonexistent, file empty?\r\n"});
+    ASSERT_EQ(Cmd(eCmdStart), eResultSuccess);
+    setup('s', f[0], eResultNotIdle, {"Using playlist - can't add manual files\r\n"});
+    setup('l', missing, eResultPathMissing, {noFile, "Playlist file " + missing + " doesn't exist\r\n"});
+    setup('l', sock, eResultPathMissing, {sock + " is a socket, not a regular file\r\n"});
+    setup('l', Path("huge.txt"), eResultPathMissing, {"Playlist file " + Path("huge.txt") + " is 67238911 bytes long"});
     EXPECT_TRUE(Prints([&] { return Cmd(eCmdQueryStatus); }, eResultSuccess, "Mode: Playlist \r\n"));
     EXPECT_TRUE(Printed(0, {"\tPlaylist Info\r\n", "\t\tChans: 2, rate: 48000, len(frames): 7001\r\n"}));
     const unsigned entry[] = {0, 1, 4, 5, 6}; // f[i]'s index in the list
@@ -298,11 +270,25 @@ TEST_F(Playback, PlaylistsPlayGaplesslySkipAndAnswerEveryFailureWithItsLines)
     EXPECT_EQ(runs[0].End(), 7001 + 50011 + 6007 + 9001 + 5003);
     EXPECT_TRUE(Printed(0, {"Couldn't open file: " + text + ": "}));
     EXPECT_EQ(Cmd(eCmdStart), eResultNoFile);
-    EXPECT_EQ(SetupPlay(0, f[0], 1), eResultNeedPrimary); // no playlist kept, nothing staged
+    setup('s', f[0], eResultNeedPrimary, {"Need primary files before secondary\r\n"}); // no list kept
     for (const char* list : {"blank.txt", "bad.txt"}) {
         EXPECT_EQ(SetupPlaylist(0, Path(list)), list[1] == 'l' ? eResultEmptyFilenames : eResultCantOpenFile);
         EXPECT_EQ(Cmd(eCmdStart), eResultNoFile);
     }
+    // Manual set-ups refused leave the player idle; a fourth secondary is
+    // refused; a stop in File Ready reports the primary.
+    setup('p', missing, eResultPathMissing, {noFile, "Primary Stage of " + missing + " failed\r\n"});
+    EXPECT_EQ(Cmd(eCmdStart), eResultNoFile);
+    setup('p', text, eResultCantOpenFile, {"Couldn't open file: " + text + ": "});
+    EXPECT_EQ(Cmd(eCmdStart), eResultNoFile);
+    setup('p', f[0], eResultSuccess);
+    setup('p', f[0], eResultNotIdle);
+    for (int i = 0; i < 3; ++i)
+        setup('s', f[1], eResultSuccess);
+    setup('s', f[1], eResultPathMissing, {"Secondary Stage of " + f[1] + " failed\r\n"});
+    EXPECT_EQ(Cmd(eCmdStop), eResultSuccess);
+    EXPECT_TRUE(Done(f[0], 0));
+    EXPECT_EQ(Cmd(eCmdStart), eResultNoFile);
 
     ASSERT_EQ(SetupPlay(0, f[0]), eResultSuccess);
     Step(Cmd(eCmdStart), 3000);
