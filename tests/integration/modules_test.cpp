@@ -1,12 +1,9 @@
-// Modules driven over the socket: slots, argument checks, the state machine,
-// JACK clients, ports and their connections, and teardown and failed
-// creations without leftovers, on the suite's 8 + 8 port JACK server and on
-// servers of other shapes.
+// Modules driven over the socket: slots, argument checks, states, JACK clients,
+// ports and connections, teardown and failed creations without leftovers.
 #include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <set>
 
 #include "harness/server_fixture.h"
 
@@ -15,35 +12,16 @@ namespace {
 constexpr enumZorPlayType kRec = eZorPlayRecorder;
 constexpr enumZorPlayType kPlay = eZorPlayPlayer;
 using Names = std::vector<std::string>;
+const char kModulePorts[] = "^(Player|Recorder)[0-9]"; // the ports of the modules' JACK clients
 
 class Modules : public ServerTest {
 protected:
-    // The modules' JACK clients, by the names their ports carry.
-    std::set<std::string> Clients(const std::string& server) const
-    {
-        std::set<std::string> clients;
-        for (const std::string& port : JackPorts(server, "^(Player|Recorder)[0-9]"))
-            clients.insert(port.substr(0, port.find(':')));
-        return clients;
-    }
-    Names Connections(const std::string& port) const
-    {
-        Names names = JackConnections(m_Jack.Name(), port);
-        std::sort(names.begin(), names.end());
-        return names;
-    }
     // A JACK server of its own shape, and a zor_play (with args) against it.
-    void StartJack(unsigned capture, unsigned playback, unsigned portMax = 0, const std::vector<std::string>& args = {})
+    void StartJack(unsigned capture, unsigned playback, unsigned portMax = 0)
     {
         ASSERT_EQ(m_Server.Stop(), 0);
         ASSERT_TRUE(m_Jack.Start(capture, playback, JackServer::UniqueName(), portMax));
-        StartServer(args, m_Jack.Name());
-    }
-    // Threads and descriptors of the server.
-    std::vector<int> Resources() const
-    {
-        const std::string proc = "/proc/" + std::to_string(m_Server.Pid());
-        return {CountEntries(proc + "/task"), CountEntries(proc + "/fd")};
+        StartServer({}, m_Jack.Name());
     }
 
     JackServer m_Jack;
@@ -66,19 +44,15 @@ TEST_F(Modules, SlotsArgumentsAndStatesAreCheckedWithTheirLines)
     for (const auto& c : cases)
         for (enumZorPlayType type : {kRec, kPlay})
             EXPECT_TRUE(Prints([&] { return Create(type, c.slot, c.channels, c.offset); }, c.result, c.line));
-    std::set<std::string> all;
-    for (int slot = 0; slot < kMaxModuleSlots; ++slot) {
+    for (int slot = 0; slot < kMaxModuleSlots; ++slot)
         ASSERT_EQ(Create(kPlay, slot, 1, slot) + Create(kRec, slot, 1, slot), eResultSuccess) << slot;
-        all.insert({"Recorder00" + std::to_string(slot), "Player00" + std::to_string(slot)});
-    }
-    EXPECT_EQ(Clients(JackName()), all);
+    EXPECT_EQ(JackPorts(JackName(), kModulePorts).size(), 16u) << "one client with one port each";
     EXPECT_TRUE(Prints([&] { return Create(kPlay, 3, 0, -1); }, eResultSlotOccupied, "Slot 3 is occupied.\r\n"));
     EXPECT_EQ(Cmd(kPlay, eCmdDeleteAll, 0) + Cmd(kPlay, eCmdDeleteAll, 0), eResultSuccess) << "also with none left";
     EXPECT_EQ(Cmd(kRec, eCmdDelete, 5), eResultSuccess);
     EXPECT_TRUE(Prints([&] { return Cmd(kRec, eCmdDelete, 5); }, eResultSlotEmpty, "Slot 5 is empty.\r\n"));
     EXPECT_TRUE(Prints([&] { return Cmd(kPlay, eCmdStart, 2); }, eResultSlotEmpty, "Slot 2 is empty.\r\n"));
-    EXPECT_EQ(Clients(JackName()).size(), 7u);
-    EXPECT_EQ(Create(kPlay, 1, 1, 8), eResultNoConnect) << "offset 8 passes the checks and fails at the connection";
+    EXPECT_EQ(JackPorts(JackName(), kModulePorts).size(), 7u);
     EXPECT_EQ(Cmd(kRec, eCmdDeleteAll, 0), eResultSuccess);
 
     ASSERT_EQ(Create(kRec, 0, 2, 0) + Create(kPlay, 0, 2, 0), eResultSuccess);
@@ -88,7 +62,6 @@ TEST_F(Modules, SlotsArgumentsAndStatesAreCheckedWithTheirLines)
         EXPECT_TRUE(Prints([&] { return Cmd(type, eCmdPause, 0); }, eResultNotRunning,
                            "Module not in state that can toggle pause\r\n"));
     }
-    EXPECT_EQ(Cmd(kPlay, eCmdRewind, 0), eResultNotRunning) << "a player winds only while playing";
     // Player commands to a recorder and the record set-up to a player, with
     // zero payloads of each command's record size.
     static const char zeros[sizeof(structSetupFile)] = {};
@@ -107,29 +80,33 @@ TEST_F(Modules, SlotsArgumentsAndStatesAreCheckedWithTheirLines)
 
 // Many create/delete cycles, and creations that fail at their last step (the
 // connection) or at a queue, leave no thread, descriptor, client or queue;
-// Exit and an interrupt with modules of both kinds end cleanly.
+// Exit with modules of both kinds ends cleanly (an interrupt: every test's end).
 TEST_F(Modules, CyclesAndFailedCreationsLeaveNothingBehind)
 {
+    // Threads and descriptors of the server.
+    const auto resources = [&] {
+        const std::string proc = "/proc/" + std::to_string(m_Server.Pid());
+        return std::vector<int>{CountEntries(proc + "/task"), CountEntries(proc + "/fd")};
+    };
     ASSERT_EQ(Create(kRec, 7, 1, 0), eResultSuccess); // libjack's own threads and descriptors in the baseline
-    const std::vector<int> before = Resources();
+    const std::vector<int> before = resources();
     for (int i = 0; i < 200; ++i) {
         const enumZorPlayType type = i % 2 ? kPlay : kRec;
         const size_t mark = m_Server.OutputSize();
-        ASSERT_EQ(Create(type, i % 7, 2, i % 7), eResultSuccess) << "cycle " << i << ":\n" << m_Server.Output(mark);
-        ASSERT_EQ(Cmd(type, eCmdDelete, i % 7), eResultSuccess) << "cycle " << i;
+        ASSERT_EQ(Create(type, i % 7, 2, i % 7) + Cmd(type, eCmdDelete, i % 7), eResultSuccess)
+            << "cycle " << i << ":\n" << m_Server.Output(mark);
     }
-    for (int i = 0; i < 10; ++i)
+    for (int i = 0; i < 10; ++i) // offset 8 passes the checks and fails at the connection
         ASSERT_EQ(Create(i % 2 ? kPlay : kRec, i % 7, 1, 8), eResultNoConnect) << "attempt " << i;
     // A queue depth limit below 200 fails at the internal queue, with two queues open already.
     const std::string saved = ReadFile("/proc/sys/fs/mqueue/msg_max");
     WriteFile("/proc/sys/fs/mqueue/msg_max", "10");
-    const int answer = Create(kPlay, 4, 2, 0);
+    EXPECT_TRUE(Prints([&] { return Create(kPlay, 4, 2, 0); }, eResultNoMsgQueue,
+                       "Couldn't create queue named /MQInternalPlayer-4: err: 22 Invalid argument\r\n"
+                       "Is /proc/sys/fs/mqueue/msg_max large enough?\r\n"));
     WriteFile("/proc/sys/fs/mqueue/msg_max", saved);
-    EXPECT_EQ(answer, eResultNoMsgQueue);
-    EXPECT_TRUE(Printed(0, {"Couldn't create queue named /MQInternalPlayer-4: err: 22 Invalid argument\r\n"
-                            "Is /proc/sys/fs/mqueue/msg_max large enough?\r\n"}));
-    EXPECT_TRUE(WaitUntil([&] { return Resources() == before; }, 5000))
-        << Resources()[0] << " threads, " << Resources()[1] << " descriptors";
+    EXPECT_TRUE(WaitUntil([&] { return resources() == before; }, 5000))
+        << resources()[0] << " threads, " << resources()[1] << " descriptors";
     // The queues are unlinked as soon as they are open: while Recorder007
     // lives and answers, none of its names is in the system either.
     EXPECT_EQ(Cmd(kRec, eCmdStop, 7), eResultNotRunning);
@@ -140,72 +117,63 @@ TEST_F(Modules, CyclesAndFailedCreationsLeaveNothingBehind)
     for (const std::string& q : queues)
         EXPECT_EQ(q.find("MQ"), std::string::npos) << "queue left in the system: " << q;
 
-    for (bool byExit : {true, false}) {
-        if (!byExit)
-            StartServer(ServerArgs());
-        for (int slot : {1, 6})
-            ASSERT_EQ(Create(kRec, slot, 8, 0) + Create(kPlay, slot, 2, slot), eResultSuccess);
-        if (byExit) {
-            EXPECT_EQ(Cmd(kRec, eCmdExit, 0), eResultSuccess);
-        }
-        EXPECT_EQ(byExit ? m_Server.WaitExit(20000) : m_Server.Stop(20000), 0) << m_Server.Output();
-    }
+    ASSERT_EQ(Create(kRec, 1, 8, 0) + Create(kPlay, 1, 2, 1) + Create(kPlay, 6, 2, 6), eResultSuccess);
+    EXPECT_EQ(Cmd(kRec, eCmdExit, 0), eResultSuccess);
+    EXPECT_EQ(m_Server.WaitExit(20000), 0) << m_Server.Output();
 }
 
 // Each kind counts the system ports of its own direction: runs from an
 // offset, overlapping runs, runs past the end; a deleted module's client is
-// gone by the answer. Without system ports modules are refused, unless -nc.
-TEST_F(Modules, EachKindConnectsToTheSystemPortsOfItsDirection)
+// gone by the answer. No JACK server: creation answers 14 until one is up.
+// Without system ports modules are refused, unless -nc. A port table too small
+// for a module: the ports it registered go with its client.
+TEST_F(Modules, JackServersOfEveryShape)
 {
     const char portCount[] = "Port number exceeds available JACK ports. Reduce num channels or first port number (offset).\n";
     StartJack(2, 4);
     const Names playback = JackPorts(m_Jack.Name(), "system", JackPortIsInput);
     const Names capture = JackPorts(m_Jack.Name(), "system", JackPortIsOutput);
     ASSERT_TRUE(playback.size() == 4 && capture.size() == 2);
+    const auto connections = [&](const std::string& port) { return JackConnections(m_Jack.Name(), port); };
     ASSERT_EQ(Create(kPlay, 0, 2, 1) + Create(kPlay, 1, 2, 2) + Create(kRec, 0, 2, 0), eResultSuccess);
-    EXPECT_EQ(Connections("Player000:output1"), Names{playback[1]});
-    EXPECT_EQ(Connections(playback[2]), (Names{"Player000:output2", "Player001:output1"}));
-    EXPECT_EQ(Connections("Player001:output2"), Names{playback[3]});
-    EXPECT_EQ(Connections("Recorder000:input1"), Names{capture[0]});
-    EXPECT_EQ(Connections("Recorder000:input2"), Names{capture[1]});
+    EXPECT_EQ(connections("Player000:output1"), Names{playback[1]});
+    Names shared = connections(playback[2]); // where the two players' runs overlap
+    std::sort(shared.begin(), shared.end());
+    EXPECT_EQ(shared, (Names{"Player000:output2", "Player001:output1"}));
+    EXPECT_EQ(connections("Player001:output2"), Names{playback[3]});
+    EXPECT_EQ(connections("Recorder000:input1"), Names{capture[0]});
+    EXPECT_EQ(connections("Recorder000:input2"), Names{capture[1]});
     EXPECT_TRUE(Prints([&] { return Create(kRec, 1, 1, 2); }, eResultNoConnect, portCount));
     EXPECT_TRUE(Prints([&] { return Create(kPlay, 2, 1, 4); }, eResultNoConnect, portCount));
     ASSERT_EQ(Cmd(kPlay, eCmdDelete, 0) + Create(kPlay, 0, 1, 3), eResultSuccess);
     EXPECT_EQ(JackPorts(m_Jack.Name(), "^Player000"), Names{"Player000:output1"});
-    EXPECT_EQ(Connections("Player000:output1"), Names{playback[3]});
-    EXPECT_EQ(Connections(playback[1]), Names{});
+    EXPECT_EQ(connections("Player000:output1"), Names{playback[3]});
+    EXPECT_EQ(connections(playback[1]), Names{});
 
-    StartJack(0, 0);
+    // No JACK server at first, then one without system ports.
+    const std::string name = JackServer::UniqueName();
+    ASSERT_EQ(m_Server.Stop(), 0);
+    StartServer({}, name);
+    EXPECT_TRUE(Prints([&] { return Create(kPlay, 0, 1, 0); }, eResultNoJack, "OpenJack: Couldn't open Jack client, status: 0x"));
+    ASSERT_TRUE(m_Jack.Start(0, 0, name));
     for (enumZorPlayType type : {kPlay, kRec})
         EXPECT_TRUE(Prints([&] { return Create(type, 0, 1, 0); }, eResultNoSystemPorts, "No system ports found at init.\r\n"));
-    EXPECT_TRUE(WaitUntil([&] { return Clients(m_Jack.Name()).empty(); }, 5000));
+    EXPECT_TRUE(WaitUntil([&] { return JackPorts(m_Jack.Name(), kModulePorts).empty(); }, 5000));
     ASSERT_EQ(m_Server.Stop(), 0);
     StartServer({"-nc"}, m_Jack.Name());
     ASSERT_EQ(Create(kPlay, 0, 2, 8) + Create(kRec, 7, 1, 0), eResultSuccess);
     EXPECT_EQ(JackPorts(m_Jack.Name(), "^(Player000|Recorder007):"),
               (Names{"Player000:output1", "Player000:output2", "Recorder007:input1"}));
     for (const std::string& port : JackPorts(m_Jack.Name(), "^(Player000|Recorder007):"))
-        EXPECT_EQ(Connections(port), Names{}) << port;
+        EXPECT_EQ(connections(port), Names{}) << port;
     EXPECT_TRUE(Prints([&] { return Cmd(kRec, eCmdHello, 1); }, eResultSuccess,
                        "\t[7]:  Recorder007 is Idle, Channels: 1, Offset: 0, filename: , file progress: %0\r\n"
                        "Players:\r\n\t[0]:    Player000 is Idle, Channels: 2, Offset: 8, filename: , file progress: %0\r\n"));
-}
-
-// No JACK server: creation answers 14 until one is up. A port table too small
-// for a module: the ports it registered go with its client.
-TEST_F(Modules, WithoutJackOrPortsCreationFailsAndLeavesNothing)
-{
-    const std::string name = JackServer::UniqueName();
-    ASSERT_EQ(m_Server.Stop(), 0);
-    StartServer({}, name);
-    EXPECT_TRUE(Prints([&] { return Create(kPlay, 0, 1, 0); }, eResultNoJack, "OpenJack: Couldn't open Jack client, status: 0x"));
-    ASSERT_TRUE(m_Jack.Start(8, 8, name));
-    EXPECT_EQ(Create(kPlay, 0, 1, 0), eResultSuccess);
 
     StartJack(8, 8, 21); // 21 entries, of which the server hands out 20: 16 system ports leave four
     EXPECT_TRUE(Prints([&] { return Create(kPlay, 0, 8, 0); }, eResultNoClientPorts,
                        "Player000: Can't create client port #4, named output5\r\n"
                        "May need to increase the maximum number of ports the JACK server can manage.\n"));
-    EXPECT_TRUE(WaitUntil([&] { return Clients(m_Jack.Name()).empty(); }, 5000));
+    EXPECT_TRUE(WaitUntil([&] { return JackPorts(m_Jack.Name(), kModulePorts).empty(); }, 5000));
     ASSERT_EQ(Create(kRec, 0, 4, 0), eResultSuccess); // the failed module's four ports were freed
 }
