@@ -4,9 +4,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <regex>
-#include <set>
 
 #include "harness/server_fixture.h"
 #include "modules/rp_common.h"
@@ -15,25 +13,6 @@ namespace {
 
 constexpr enumZorPlayType kRec = eZorPlayRecorder;
 constexpr enumZorPlayType kPlay = eZorPlayPlayer;
-
-std::set<std::string> Threads(pid_t pid)
-{
-    std::set<std::string> tids;
-    for (const auto& e : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task"))
-        tids.insert(e.path().filename());
-    return tids;
-}
-
-// True when text is the expected block, '#' in it standing for a number.
-::testing::AssertionResult Shaped(const std::string& text, const std::string& expected)
-{
-    std::string pattern;
-    for (char c : expected)
-        pattern += c == '#' ? std::string("[0-9]+") : strchr("\\^$.|?*+()[]{}", c) ? std::string("\\") + c : std::string(1, c);
-    if (std::regex_search(text, std::regex(pattern)))
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "printed:\n" << text << "\nexpected:\n" << expected;
-}
 
 class Progress : public ServerTest {
 protected:
@@ -46,46 +25,11 @@ protected:
                                    [](uint32_t, unsigned) { return 0.25f; }));
         WriteFile(Path("list.txt"), Path("1s.wav") + "\n" + Path("9s.wav") + "\n");
     }
-    // Creates a one-channel module; the thread id of its worker: the one new
-    // thread that waits in select (the JACK threads it brings wait elsewhere).
-    std::string Create(enumZorPlayType type, int slot)
-    {
-        const std::string task = "/proc/" + std::to_string(m_Server.Pid()) + "/task/";
-        const std::set<std::string> before = Threads(m_Server.Pid());
-        EXPECT_EQ(ServerTest::Create(type, slot, 1, 0), eResultSuccess);
-        std::string worker;
-        WaitUntil(
-            [&] {
-                for (const std::string& tid : Threads(m_Server.Pid())) {
-                    const std::string wchan = ReadFile(task + tid + "/wchan");
-                    if (!before.count(tid) && (wchan.find("select") != std::string::npos ||
-                                               wchan.find("poll_schedule") != std::string::npos))
-                        worker = tid;
-                }
-                return !worker.empty();
-            },
-            5000);
-        return worker;
-    }
     int Record(int slot, const std::string& name, unsigned seconds)
     {
         return SetupRecord(slot, {Path(name)}, 0, 0, 0, seconds);
     }
     int Seek(int slot, int seconds) { return Cmd(kPlay, eCmdSeek, slot, structSeekOperation{0, seconds}); }
-    // What the server printed for a request, once it holds the expected line count.
-    std::string Display(enumZorPlayType type, enumZorPlayCmd cmd, int index, const std::string& expected)
-    {
-        const size_t mark = m_Server.OutputSize();
-        EXPECT_EQ(Cmd(type, cmd, index), eResultSuccess);
-        std::string out;
-        WaitUntil(
-            [&] {
-                out = m_Server.Output(mark);
-                return std::count(out.begin(), out.end(), '\n') >= std::count(expected.begin(), expected.end(), '\n');
-            },
-            5000);
-        return out;
-    }
 };
 
 } // namespace
@@ -97,19 +41,32 @@ protected:
 // reports since the one before; tokens lost to the full queue are made good.
 TEST_F(Progress, RunningModulesReportAndCompletionsSumTheirUnderruns)
 {
-    Create(kRec, 0);
-    Create(kRec, 1);
-    ASSERT_EQ(Record(1, "ready.wav", 10), eResultSuccess);
-    Create(kPlay, 0);
-    Create(kPlay, 1);
-    ASSERT_EQ(SetupPlay(1, Path("1s.wav")), eResultSuccess);
-    Create(kRec, 2);
-    const std::string worker = Create(kPlay, 2);
-    ASSERT_FALSE(worker.empty()) << "the player's worker thread was not found";
-    ASSERT_EQ(Record(2, "take.wav", 30), eResultSuccess);
-    ASSERT_EQ(SetupPlaylist(2, Path("list.txt")), eResultSuccess);
-    ASSERT_EQ(Cmd(kRec, eCmdStart, 2), eResultSuccess);
-    ASSERT_EQ(Cmd(kPlay, eCmdStart, 2), eResultSuccess);
+    ASSERT_EQ(Create(kRec, 0, 1, 0) + Create(kRec, 1, 1, 0) + Create(kPlay, 0, 1, 0) + Create(kPlay, 1, 1, 0) +
+                  Create(kRec, 2, 1, 0) + Record(1, "ready.wav", 10) + SetupPlay(1, Path("1s.wav")),
+              eResultSuccess);
+    // The last player's worker: the one new thread that waits in select (the
+    // JACK threads it brings wait elsewhere).
+    const std::string task = "/proc/" + std::to_string(m_Server.Pid()) + "/task/";
+    std::vector<std::string> before, now;
+    CountEntries(task, &before);
+    ASSERT_EQ(Create(kPlay, 2, 1, 0), eResultSuccess);
+    std::string worker;
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+            now.clear();
+            CountEntries(task, &now);
+            for (const std::string& tid : now) {
+                const std::string wchan = ReadFile(task + tid + "/wchan");
+                if (std::count(before.begin(), before.end(), tid) == 0 &&
+                    (wchan.find("select") != std::string::npos || wchan.find("poll_schedule") != std::string::npos))
+                    worker = tid;
+            }
+            return !worker.empty();
+        },
+        5000)) << "the player's worker thread was not found";
+    ASSERT_EQ(Record(2, "take.wav", 30) + SetupPlaylist(2, Path("list.txt")) + Cmd(kRec, eCmdStart, 2) +
+                  Cmd(kPlay, eCmdStart, 2),
+              eResultSuccess);
 
     unsigned recReports = 0, recXruns = 0, recElapsed = 0, playXruns = 0, playReports[2] = {0, 0}, peakBuffer = 0;
     std::vector<structFileCompletion> done;
@@ -191,11 +148,9 @@ protected:
 // message, there before the seek's answer.
 TEST_F(ProgressWithStatusOff, OnlyASeekReports)
 {
-    Create(kRec, 0);
-    ASSERT_EQ(Record(0, "take.wav", 10), eResultSuccess);
-    ASSERT_EQ(Cmd(kRec, eCmdStart, 0), eResultSuccess);
-    Create(kPlay, 3);
-    ASSERT_EQ(SetupPlay(3, Path("3s.wav")), eResultSuccess);
+    ASSERT_EQ(Create(kRec, 0, 1, 0) + Record(0, "take.wav", 10) + Cmd(kRec, eCmdStart, 0) + Create(kPlay, 3, 1, 0) +
+                  SetupPlay(3, Path("3s.wav")),
+              eResultSuccess);
     EXPECT_EQ(Seek(3, 1), eResultSuccess);
     ASSERT_EQ(Cmd(kPlay, eCmdStart, 3), eResultSuccess);
     structZorPlayMsg m;
@@ -217,12 +172,9 @@ TEST_F(ProgressWithStatusOff, OnlyASeekReports)
 // line; '#' stands for a number that moves.
 TEST_F(Progress, TheModuleTableShowsWhatEachModuleDoes)
 {
-    Create(kRec, 1);
-    ASSERT_EQ(Record(1, "take.wav", 30), eResultSuccess);
-    ASSERT_EQ(Cmd(kRec, eCmdStart, 1), eResultSuccess);
-    Create(kPlay, 2);
-    ASSERT_EQ(SetupPlay(2, Path("9s.wav")), eResultSuccess);
-    ASSERT_EQ(Cmd(kPlay, eCmdStart, 2), eResultSuccess);
+    ASSERT_EQ(Create(kRec, 1, 1, 0) + Record(1, "take.wav", 30) + Cmd(kRec, eCmdStart, 1) + Create(kPlay, 2, 1, 0) +
+                  SetupPlay(2, Path("9s.wav")) + Cmd(kPlay, eCmdStart, 2),
+              eResultSuccess);
     for (enumZorPlayType type : {kRec, kPlay})
         while (Next(eCmdFileProgress).eType != type && !HasFailure()) {
         }
@@ -237,5 +189,11 @@ TEST_F(Progress, TheModuleTableShowsWhatEachModuleDoes)
                                                            std::string(" is Running, Channels: 1, Offset: 0, filename: ") +
                                                            (type == kRec ? rec : play) + ", file progress: %#\r\n");
     }
-    EXPECT_TRUE(Shaped(Display(kPlay, eCmdHello, 1, table), table));
+    std::string pattern; // the table as a regular expression
+    for (char c : table)
+        pattern += c == '#' ? std::string("[0-9]+") : strchr("\\^$.|?*+()[]{}", c) ? std::string("\\") + c : std::string(1, c);
+    const size_t mark = m_Server.OutputSize();
+    ASSERT_EQ(Cmd(kPlay, eCmdHello, 1), eResultSuccess);
+    EXPECT_TRUE(WaitUntil([&] { return std::regex_search(m_Server.Output(mark), std::regex(pattern)); }, 5000))
+        << "printed:\n" << m_Server.Output(mark) << "\nexpected:\n" << table;
 }
