@@ -21,28 +21,22 @@ protected:
     {
         ServerTest::SetUp();
         for (int seconds : {1, 3, 9})
-            ASSERT_TRUE(WriteSound(Path(std::to_string(seconds) + "s.wav"), 1, 48000, SF_FORMAT_PCM_16, 48000 * seconds,
-                                   [](uint32_t, unsigned) { return 0.25f; }));
+            ASSERT_TRUE(WriteRamp(Path(std::to_string(seconds) + "s.wav"), 1, 0, 48000 * seconds));
         WriteFile(Path("list.txt"), Path("1s.wav") + "\n" + Path("9s.wav") + "\n");
-    }
-    int Record(int slot, const std::string& name, unsigned seconds)
-    {
-        return SetupRecord(slot, {Path(name)}, 0, 0, 0, seconds);
     }
     int Seek(int slot, int seconds) { return Cmd(kPlay, eCmdSeek, slot, structSeekOperation{0, seconds}); }
 };
 
 } // namespace
 
-// A recording recorder and a player running through a two-entry playlist
-// report once a second, with every field filled from what they do; idle and
-// set-up modules stay silent. Underruns forced by freezing the player's
-// worker reach its next report, and each completion carries the sum of the
-// reports since the one before; tokens lost to the full queue are made good.
+// A recording recorder and a player running through a two-entry playlist report once a
+// second, every field filled from what they do; idle and set-up modules stay silent.
+// Underruns forced by freezing the player's worker reach its next report, each completion
+// sums the reports since the one before, and tokens lost to the full queue are made good.
 TEST_F(Progress, RunningModulesReportAndCompletionsSumTheirUnderruns)
 {
     ASSERT_EQ(Create(kRec, 0, 1, 0) + Create(kRec, 1, 1, 0) + Create(kPlay, 0, 1, 0) + Create(kPlay, 1, 1, 0) +
-                  Create(kRec, 2, 1, 0) + Record(1, "ready.wav", 10) + SetupPlay(1, Path("1s.wav")),
+                  Create(kRec, 2, 1, 0) + SetupRecord(1, {Path("ready.wav")}, 0, 0, 0, 10) + SetupPlay(1, Path("1s.wav")),
               eResultSuccess);
     // The last player's worker: the one new thread that waits in select (the
     // JACK threads it brings wait elsewhere).
@@ -53,18 +47,15 @@ TEST_F(Progress, RunningModulesReportAndCompletionsSumTheirUnderruns)
     std::string worker;
     ASSERT_TRUE(WaitUntil(
         [&] {
-            now.clear();
             CountEntries(task, &now);
-            for (const std::string& tid : now) {
-                const std::string wchan = ReadFile(task + tid + "/wchan");
-                if (std::count(before.begin(), before.end(), tid) == 0 &&
-                    (wchan.find("select") != std::string::npos || wchan.find("poll_schedule") != std::string::npos))
+            for (const std::string& tid : now)
+                if (!std::count(before.begin(), before.end(), tid) &&
+                    std::regex_search(ReadFile(task + tid + "/wchan"), std::regex("select|poll_schedule")))
                     worker = tid;
-            }
             return !worker.empty();
         },
         5000)) << "the player's worker thread was not found";
-    ASSERT_EQ(Record(2, "take.wav", 30) + SetupPlaylist(2, Path("list.txt")) + Cmd(kRec, eCmdStart, 2) +
+    ASSERT_EQ(SetupRecord(2, {Path("take.wav")}, 0, 0, 0, 30) + SetupPlaylist(2, Path("list.txt")) + Cmd(kRec, eCmdStart, 2) +
                   Cmd(kPlay, eCmdStart, 2),
               eResultSuccess);
 
@@ -86,13 +77,12 @@ TEST_F(Progress, RunningModulesReportAndCompletionsSumTheirUnderruns)
                 // queue (200 tokens, one a period) fills up.
                 ASSERT_EQ(Seek(2, 7), eResultSuccess);
                 const pid_t tid = std::stoi(worker);
-                int status = 0;
                 const long seized = ptrace(PTRACE_SEIZE, tid, nullptr, nullptr);
                 if (seized != 0 && errno == ENOSYS)
                     GTEST_SKIP() << "ptrace is not implemented here (qemu-user): the worker cannot be frozen";
                 ASSERT_EQ(seized, 0) << strerror(errno);
                 ASSERT_EQ(ptrace(PTRACE_INTERRUPT, tid, nullptr, nullptr), 0);
-                ASSERT_EQ(waitpid(tid, &status, __WALL), tid);
+                ASSERT_EQ(waitpid(tid, nullptr, __WALL), tid);
                 usleep(5500000);
                 ptrace(PTRACE_DETACH, tid, nullptr, nullptr);
             }
@@ -102,9 +92,7 @@ TEST_F(Progress, RunningModulesReportAndCompletionsSumTheirUnderruns)
         EXPECT_EQ(p.nElapsed + p.nRemaining, p.nMax);
         EXPECT_LE(p.nBufferPercent, 100u);
         if (m.eType == kRec) {
-            EXPECT_EQ(p.nState, eStateRunning);
-            EXPECT_EQ(p.nMax, 30u);
-            EXPECT_EQ(p.nPlaylistIndex, 0u);
+            EXPECT_EQ(std::vector<long long>({p.nState, p.nMax, p.nPlaylistIndex}), std::vector<long long>({eStateRunning, 30, 0}));
             EXPECT_GE(p.nElapsed, recElapsed);
             recElapsed = p.nElapsed;
             ++recReports;
@@ -139,46 +127,35 @@ TEST_F(Progress, RunningModulesReportAndCompletionsSumTheirUnderruns)
     EXPECT_EQ(m.payload.fileCompletion.nXRuns, recXruns);
 }
 
-class ProgressWithStatusOff : public Progress {
-protected:
-    std::vector<std::string> ServerArgs() override { return {"-nc", "-s"}; }
-};
-
 // Without status reports only a seek while playing or paused makes a progress
-// message, there before the seek's answer.
-TEST_F(ProgressWithStatusOff, OnlyASeekReports)
+// message, before its answer. The module table with a recording recorder and a
+// playing player, line by line ('#' stands for a number that moves).
+TEST_F(Progress, ReportsWithStatusOffAndTheModuleTable)
 {
-    ASSERT_EQ(Create(kRec, 0, 1, 0) + Record(0, "take.wav", 10) + Cmd(kRec, eCmdStart, 0) + Create(kPlay, 3, 1, 0) +
-                  SetupPlay(3, Path("3s.wav")),
+    ASSERT_EQ(m_Server.Stop(), 0);
+    StartServer({"-nc", "-s"});
+    ASSERT_EQ(Create(kRec, 0, 1, 0) + SetupRecord(0, {Path("quiet.wav")}, 0, 0, 0, 10) + Cmd(kRec, eCmdStart, 0) +
+                  Create(kPlay, 3, 1, 0) + SetupPlay(3, Path("3s.wav")) + Seek(3, 1) + Cmd(kPlay, eCmdStart, 3),
               eResultSuccess);
-    EXPECT_EQ(Seek(3, 1), eResultSuccess);
-    ASSERT_EQ(Cmd(kPlay, eCmdStart, 3), eResultSuccess);
     structZorPlayMsg m;
     EXPECT_FALSE(m_Client.WaitUnrequested(m, 0)) << "a seek in File Ready reports nothing";
     for (int state : {eStateRunning, eStatePaused}) {
-        if (state == eStatePaused) {
-            ASSERT_EQ(Cmd(kPlay, eCmdPause, 3), eResultSuccess);
-        }
-        ASSERT_EQ(Seek(3, 2), eResultSuccess);
+        ASSERT_EQ((state == eStatePaused ? Cmd(kPlay, eCmdPause, 3) : int{eResultSuccess}) + Seek(3, 2), eResultSuccess);
         m = Next(-1, 0);
         EXPECT_TRUE(m.eType == kPlay && m.eCmd == eCmdFileProgress && m.nIndex == 3);
         const structFileProgress& p = m.payload.fileProgress;
         EXPECT_EQ(std::vector<long long>({p.nState, p.nElapsed, p.nRemaining, p.nMax}), std::vector<long long>({state, 2, 1, 3}));
     }
     EXPECT_FALSE(m_Client.WaitUnrequested(m, 2500)) << "a running recorder and a paused player stay silent";
-}
 
-// The module table with a recording recorder and a playing player, line by
-// line; '#' stands for a number that moves.
-TEST_F(Progress, TheModuleTableShowsWhatEachModuleDoes)
-{
-    ASSERT_EQ(Create(kRec, 1, 1, 0) + Record(1, "take.wav", 30) + Cmd(kRec, eCmdStart, 1) + Create(kPlay, 2, 1, 0) +
-                  SetupPlay(2, Path("9s.wav")) + Cmd(kPlay, eCmdStart, 2),
+    ASSERT_EQ(m_Server.Stop(), 0);
+    StartServer(ServerArgs());
+    ASSERT_EQ(Create(kRec, 1, 1, 0) + SetupRecord(1, {Path("take.wav")}, 0, 0, 0, 30) + Cmd(kRec, eCmdStart, 1) +
+                  Create(kPlay, 2, 1, 0) + SetupPlay(2, Path("9s.wav")) + Cmd(kPlay, eCmdStart, 2),
               eResultSuccess);
     for (enumZorPlayType type : {kRec, kPlay})
         while (Next(eCmdFileProgress).eType != type && !HasFailure()) {
         }
-    const std::string rec = Path("take.wav"), play = Path("9s.wav");
     std::string table = "*****************************************\r\n";
     for (enumZorPlayType type : {kRec, kPlay}) {
         table += type == kRec ? "Recorders:\r\n" : "Players:\r\n";
@@ -187,7 +164,7 @@ TEST_F(Progress, TheModuleTableShowsWhatEachModuleDoes)
                      (slot != (type == kRec ? 1 : 2) ? std::string("is empty.\r\n")
                                                      : (type == kRec ? " Recorder001" : "   Player002") +
                                                            std::string(" is Running, Channels: 1, Offset: 0, filename: ") +
-                                                           (type == kRec ? rec : play) + ", file progress: %#\r\n");
+                                                           Path(type == kRec ? "take.wav" : "9s.wav") + ", file progress: %#\r\n");
     }
     std::string pattern; // the table as a regular expression
     for (char c : table)
@@ -196,4 +173,5 @@ TEST_F(Progress, TheModuleTableShowsWhatEachModuleDoes)
     ASSERT_EQ(Cmd(kPlay, eCmdHello, 1), eResultSuccess);
     EXPECT_TRUE(WaitUntil([&] { return std::regex_search(m_Server.Output(mark), std::regex(pattern)); }, 5000))
         << "printed:\n" << m_Server.Output(mark) << "\nexpected:\n" << table;
+
 }
