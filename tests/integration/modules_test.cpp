@@ -16,15 +16,7 @@ const char kModulePorts[] = "^(Player|Recorder)[0-9]"; // the ports of the modul
 
 class Modules : public ServerTest {
 protected:
-    // A JACK server of its own shape, and a zor_play (with args) against it.
-    void StartJack(unsigned capture, unsigned playback, unsigned portMax = 0)
-    {
-        ASSERT_EQ(m_Server.Stop(), 0);
-        ASSERT_TRUE(m_Jack.Start(capture, playback, JackServer::UniqueName(), portMax));
-        StartServer({}, m_Jack.Name());
-    }
-
-    JackServer m_Jack;
+    JackServer m_Jack; // for servers of other shapes
 };
 
 } // namespace
@@ -62,8 +54,7 @@ TEST_F(Modules, SlotsArgumentsAndStatesAreCheckedWithTheirLines)
         EXPECT_TRUE(Prints([&] { return Cmd(type, eCmdPause, 0); }, eResultNotRunning,
                            "Module not in state that can toggle pause\r\n"));
     }
-    // Player commands to a recorder and the record set-up to a player, with
-    // zero payloads of each command's record size.
+    // Commands of the other kind, with zero payloads of each command's record size.
     static const char zeros[sizeof(structSetupFile)] = {};
     const struct { enumZorPlayType type; enumZorPlayCmd cmd; size_t len; } wrongKind[] = {
         {kRec, eCmdFastForward, 0}, {kRec, eCmdRewind, 0}, {kRec, eCmdSeek, sizeof(structSeekOperation)},
@@ -130,7 +121,9 @@ TEST_F(Modules, CyclesAndFailedCreationsLeaveNothingBehind)
 TEST_F(Modules, JackServersOfEveryShape)
 {
     const char portCount[] = "Port number exceeds available JACK ports. Reduce num channels or first port number (offset).\n";
-    StartJack(2, 4);
+    ASSERT_EQ(m_Server.Stop(), 0);
+    ASSERT_TRUE(m_Jack.Start(2, 4, JackServer::UniqueName()));
+    StartServer({}, m_Jack.Name());
     const Names playback = JackPorts(m_Jack.Name(), "system", JackPortIsInput);
     const Names capture = JackPorts(m_Jack.Name(), "system", JackPortIsOutput);
     ASSERT_TRUE(playback.size() == 4 && capture.size() == 2);
@@ -170,7 +163,9 @@ TEST_F(Modules, JackServersOfEveryShape)
                        "\t[7]:  Recorder007 is Idle, Channels: 1, Offset: 0, filename: , file progress: %0\r\n"
                        "Players:\r\n\t[0]:    Player000 is Idle, Channels: 2, Offset: 8, filename: , file progress: %0\r\n"));
 
-    StartJack(8, 8, 21); // 21 entries, of which the server hands out 20: 16 system ports leave four
+    ASSERT_EQ(m_Server.Stop(), 0);
+    ASSERT_TRUE(m_Jack.Start(8, 8, JackServer::UniqueName(), 21)); // 20 of 21 entries handed out: 16 system ports leave four
+    StartServer({}, m_Jack.Name());
     EXPECT_TRUE(Prints([&] { return Create(kPlay, 0, 8, 0); }, eResultNoClientPorts,
                        "Player000: Can't create client port #4, named output5\r\n"
                        "May need to increase the maximum number of ports the JACK server can manage.\n"));
