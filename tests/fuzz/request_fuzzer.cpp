@@ -56,7 +56,7 @@ protected:
         m_Pool = {{"wav", d + "a.wav"}, {"wav44", d + "b.wav"}, {"1hz", d + "slow.wav"}, {"fast", d + "fast.wav"},
                   {"text", d + "t.txt"}, {"fifo", d + "fifo"}, {"dir", m_Dir}, {"zero", "/dev/zero"}, {"empty", ""},
                   {"missing", d + "none"}, {"nodir", d + "none/x.wav"}, {"list", d + "l.m3u"}, {"rec", d + "r.wav"},
-                  {"rec2", d + "r2.wav"}, {"null", "/dev/null"}, {"long", std::string(sizeof(unionZorPlayPayload), 'a')}};
+                  {"rec2", d + "r2.wav"}, {"null", "/dev/null"}, {"long", std::string(4096, 'a')}};
         const auto flat = [](uint32_t, unsigned) { return 0.25f; };
         for (const auto& [key, channels, rate, frames] : {std::tuple{"wav", 2, 48000, 12000}, {"wav44", 1, 44100, 9000},
                                                           {"1hz", 2, 1, 4}, {"fast", 2, INT_MAX, 4}})
@@ -149,9 +149,9 @@ Step RandomStep(std::mt19937& rng, int type, int slot)
     static const int kCmds[] = {0, 1, 2, 3, 3, 3, 3, 4, 4, 4, 5, 5, 6, 7, 9, 11, 11, 12, 12, 13, 13, 14, 14, 14,
                                 15, 15, 16, 16, 16, 16, 17, 18, -2, kSleep, kSleep, kSleep};
     static const int64_t kInts[] = {INT_MIN, -1, 0, 0, 1, 1, 2, 3, 7, 8, 9, 65535, INT_MAX};
-    static const char* const kNames[] = {"wav", "wav", "wav", "wav44", "1hz", "fast", "text", "fifo", "dir",
-                                         "zero", "missing", "nodir", "list", "list", "empty", "rec", "rec",
-                                         "rec2", "rec2", "null", "long"};
+    static const char* const kNames[] = {"wav", "wav", "wav", "wav44", "1hz", "fast", "text", "fifo", "dir", "zero",
+                                         "missing", "nodir", "list", "list", "empty", "rec", "rec", "rec2", "rec2",
+                                         "null", "long"};
     const auto Pick = [](std::mt19937& rng, const auto& from) { return from[rng() % std::size(from)]; };
     const int cmd = Pick(rng, kCmds);
     Step s{rng() % 16 == 0 ? static_cast<int>(Pick(rng, kInts)) : rng() % 10 == 0 ? 1 - type : type, cmd,
@@ -164,11 +164,10 @@ Step RandomStep(std::mt19937& rng, int type, int slot)
         s.v[0] = rng() % 4 == 0 ? Pick(rng, kInts) : 1 + rng() % 8;
     if (cmd == kSleep)
         s.v[0] = rng() % 700;
-    for (unsigned i = 0; i < 8; ++i)
-        s.names.push_back(rng() % 3 == 0                ? Pick(rng, kNames)
-                          : cmd == eCmdSetupFile       ? (i % 2 ? "rec2" : "rec")
-                          : cmd == eCmdSetupPlaylist   ? "list"
-                                                       : "wav");
+    for (unsigned i = 0; i < 8; ++i) { // mostly the names the command takes
+        const char* usual = cmd == eCmdSetupFile ? i % 2 ? "rec2" : "rec" : cmd == eCmdSetupPlaylist ? "list" : "wav";
+        s.names.push_back(rng() % 3 == 0 ? Pick(rng, kNames) : usual);
+    }
     s.names.resize(1 + rng() % 8);
     return s;
 }

@@ -46,18 +46,17 @@ protected:
 TEST_F(Faults, HeadersCoverATakeKilledMidway)
 {
     StartServer({"-s"});
-    std::vector<std::string> files;
+    std::vector<std::string> files = {Path("inter.wav")};
     for (int c = 0; c < 8; ++c)
         files.push_back(Path("mono" + std::to_string(c) + ".wav"));
     ASSERT_EQ(Create(eZorPlayRecorder, 0, 8, 0) + Create(eZorPlayRecorder, 1, 8, 0), eResultSuccess);
-    ASSERT_EQ(Start(eZorPlayRecorder, 0, SetupRecord(0, {Path("inter.wav")}, 0, 0, 2)), eResultSuccess);
-    ASSERT_EQ(Start(eZorPlayRecorder, 1, SetupRecord(1, files, 1)), eResultSuccess); // multi-mono
+    ASSERT_EQ(Start(eZorPlayRecorder, 0, SetupRecord(0, {files[0]}, 0, 0, 2)), eResultSuccess);
+    ASSERT_EQ(Start(eZorPlayRecorder, 1, SetupRecord(1, {files.begin() + 1, files.end()}, 1)), eResultSuccess);
     sleep(5);
     m_Server.Signal(SIGKILL);
     m_Server.WaitExit(5000);
-    files.push_back(Path("inter.wav"));
     for (const std::string& file : files) {
-        const long frameBytes = file == Path("inter.wav") ? 24 : 2;
+        const long frameBytes = file == files[0] ? 24 : 2; // 8 x 24 bits interleaved, or 16 bits
         const WavSize w = ReadWavSize(file);
         EXPECT_TRUE(w.claimed >= 4 * 48000 * frameBytes && w.claimed <= w.onDisk && w.claimed % frameBytes == 0)
             << file << ": " << w.claimed << " bytes claimed, " << w.onDisk << " on disk";
@@ -70,8 +69,7 @@ TEST_F(Faults, ModulesOutliveTheirJackServer)
 {
     JackServer jack;
     ASSERT_TRUE(jack.Start(2, 2));
-    const std::string jackName = jack.Name();
-    StartServer({}, jackName);
+    StartServer({}, jack.Name());
     ASSERT_EQ(Create(eZorPlayRecorder, 0, 2, 0) + Create(eZorPlayPlayer, 0, 2, 0), eResultSuccess);
     ASSERT_TRUE(WriteRamp(Path("long.wav"), 2, 0, 48000 * 20) && WriteRamp(Path("short.wav"), 2, 0, 24000));
     ASSERT_EQ(Start(eZorPlayRecorder, 0, SetupRecord(0, {Path("take.wav")})), eResultSuccess);
@@ -103,7 +101,7 @@ TEST_F(Faults, ModulesOutliveTheirJackServer)
     // A new module works on a new server while the lost ones are still in their slots; they are deleted afterwards,
     // at once.
     JackServer jack2;
-    ASSERT_TRUE(jack2.Start(8, 8, jackName));
+    ASSERT_TRUE(jack2.Start(8, 8, jack.Name()));
     ASSERT_EQ(Create(eZorPlayPlayer, 1, 2, 0), eResultSuccess);
     ASSERT_EQ(Start(eZorPlayPlayer, 1, SetupPlay(1, Path("short.wav"))), eResultSuccess);
     EXPECT_EQ(Completion(eZorPlayPlayer, 1).bRolled, 0);

@@ -73,7 +73,7 @@ TEST(CommandLine, VersionAndHelpExitAtOnceAfterTheOptionsBeforeThem)
     if (err.find("setrlimit() failed") == std::string::npos)
         GTEST_SKIP() << "this machine lets the process raise its queue limit";
     EXPECT_EQ(status, 1);
-    EXPECT_TRUE(err.rfind("zor_play: setrlimit() failed: ", 0) == 0 && err.find("going on") == std::string::npos) << err;
+    EXPECT_TRUE(err.rfind("zor_play: setrlimit() failed: ", 0) == 0 && err.find("going on") == err.npos) << err;
     EXPECT_EQ(proc.Output().find("Creating RP server"), std::string::npos) << "nothing is started";
 }
 
@@ -92,19 +92,18 @@ TEST_F(Server, ResponsesAndTheHeaderChecksInTheirOrder)
     ASSERT_TRUE(m_Client.Request(req, resp));
     EXPECT_EQ(memcmp(&resp, &expected, sizeof(resp)), 0);
     const size_t mark = m_Server.OutputSize();
+    // One fault each, the version tested before the length; a wrong length is echoed back.
     const structZorPlayMsg hello = m_Client.MakeRequest(eZorPlayRecorder, eCmdHello, 0);
-    req = hello;
-    req.nVersion = 1, req.nLength = 12; // the version is tested first
-    ASSERT_TRUE(m_Client.Request(req, resp));
-    EXPECT_EQ(resp.payload.eResult, eResultBadVersion);
-    req = hello;
-    req.nLength = 100;
-    ASSERT_TRUE(m_Client.Request(req, resp));
-    EXPECT_TRUE(resp.payload.eResult == eResultBadLength && resp.nLength == 100) << "a wrong length is echoed back";
-    req = hello;
-    req.nReq = eReqResponse;
-    ASSERT_TRUE(m_Client.Request(req, resp));
-    EXPECT_EQ(resp.payload.eResult, eResultNotRequest);
+    const std::tuple<uint32_t, int32_t, int32_t, enumZorPlayResult> faults[] = {
+        {1, 12, eReqRequest, eResultBadVersion},
+        {0, 100, eReqRequest, eResultBadLength},
+        {0, 3236, eReqResponse, eResultNotRequest}};
+    for (const auto& [version, length, kind, result] : faults) {
+        req = hello;
+        req.nVersion = version, req.nLength = length, req.nReq = kind;
+        ASSERT_TRUE(m_Client.Request(req, resp));
+        EXPECT_TRUE(resp.payload.eResult == result && resp.nLength == length) << result << ": " << resp.nLength;
+    }
     ASSERT_TRUE(Printed(mark, {"Server message was not a request\r\n"}));
     EXPECT_EQ(m_Server.Output(mark),
               "Message fails validation: Unsupported protocol version\r\n"
