@@ -74,14 +74,6 @@ bool TestJackClient::Connect(const std::string& other, const char* ours, unsigne
     return true;
 }
 
-bool TestJackClient::IsSilent(size_t i) const
-{
-    for (unsigned c = 0; c < Channels(); ++c)
-        if (Sample(c, i) != 0.0f)
-            return false;
-    return true;
-}
-
 int TestJackClient::Process(jack_nframes_t nframes, void* arg)
 {
     TestJackClient* self = static_cast<TestJackClient*>(arg);

@@ -6,6 +6,7 @@
 
 #include <jack/jack.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <string>
@@ -32,7 +33,10 @@ public:
     unsigned Channels() const { return static_cast<unsigned>(m_Data.size()); }
     size_t Frames() const { return m_nFrames.load(std::memory_order_acquire); }
     float Sample(unsigned c, size_t i) const { return m_Data[c][i]; } // i below Frames()
-    bool IsSilent(size_t i) const;
+    bool IsSilent(size_t i) const
+    {
+        return std::all_of(m_Data.begin(), m_Data.end(), [i](const std::vector<float>& d) { return d[i] == 0.0f; });
+    }
 
 private:
     bool Connect(const std::string& other, const char* ours, unsigned channels, bool from);

@@ -3,23 +3,19 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 extern char** environ;
 namespace fs = std::filesystem;
 
-bool FileExists(const std::string& path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
+bool FileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 std::string ReadFile(const std::string& path)
 {
@@ -57,14 +53,13 @@ bool ChildProcess::Start(const std::vector<std::string>& argv, const std::vector
     }
     // Everything the child needs is built before fork.
     std::vector<char*> args, envp;
-    for (const std::string& a : argv)
-        args.push_back(const_cast<char*>(a.c_str()));
     for (char** e = environ; *e; ++e)
         envp.push_back(*e);
-    for (const std::string& e : env)
-        envp.push_back(const_cast<char*>(e.c_str()));
-    args.push_back(nullptr);
-    envp.push_back(nullptr);
+    for (auto [list, strings] : {std::pair{&args, &argv}, std::pair{&envp, &env}}) {
+        for (const std::string& text : *strings)
+            list->push_back(const_cast<char*>(text.c_str()));
+        list->push_back(nullptr);
+    }
     int in[2] = {-1, -1};
     if (m_nOutputFD[0] < 0 || m_nOutputFD[1] < 0 || (pipeInput && pipe2(in, O_CLOEXEC) != 0))
         return false;
@@ -87,18 +82,6 @@ bool ChildProcess::WriteInput(const std::string& text)
 {
     signal(SIGPIPE, SIG_IGN); // a child that has gone shows as a failed write
     return write(m_nInputFD, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-}
-
-void ChildProcess::CloseInput()
-{
-    close(m_nInputFD);
-    m_nInputFD = -1;
-}
-
-void ChildProcess::Signal(int sig)
-{
-    if (m_Pid > 0)
-        kill(m_Pid, sig);
 }
 
 int ChildProcess::WaitExit(int timeoutMs)
@@ -129,11 +112,6 @@ std::string ChildProcess::Output(size_t from, bool error) const
     for (ssize_t got; (got = pread(m_nOutputFD[error], buf, sizeof(buf), static_cast<off_t>(from + text.size()))) > 0;)
         text.append(buf, static_cast<size_t>(got));
     return text;
-}
-
-bool ChildProcess::WaitForOutput(const std::string& text, int timeoutMs, size_t from) const
-{
-    return WaitUntil([&] { return Output(from).find(text) != std::string::npos; }, timeoutMs);
 }
 
 std::string JackServer::UniqueName()
@@ -173,12 +151,9 @@ bool ZorPlayProcess::Start(const std::vector<std::string>& args, const std::stri
 
 bool ZorPlayProcess::WaitUntilIdle(int timeoutMs) const
 {
-    return WaitUntil(
-        [&] {
-            const std::string where = ReadFile("/proc/" + std::to_string(Pid()) + "/wchan");
-            return where.find("poll") != std::string::npos || where.find("select") != std::string::npos;
-        },
-        timeoutMs);
+    static const std::regex waits("poll|select");
+    const std::string wchan = "/proc/" + std::to_string(Pid()) + "/wchan";
+    return WaitUntil([&] { return std::regex_search(ReadFile(wchan), waits); }, timeoutMs);
 }
 
 int ZorPlayProcess::Stop(int timeoutMs)

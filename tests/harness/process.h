@@ -5,7 +5,9 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <string>
+#include <utility>
 #include <vector>
 
 // Polls cond every 10 ms until it holds or the deadline passes.
@@ -38,10 +40,10 @@ public:
     bool Start(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
                bool pipeInput = false);
     bool WriteInput(const std::string& text);
-    void CloseInput();
+    void CloseInput() { close(std::exchange(m_nInputFD, -1)); }
     bool Running() const { return m_Pid > 0; }
     pid_t Pid() const { return m_Pid; }
-    void Signal(int sig);
+    void Signal(int sig) { if (m_Pid > 0) kill(m_Pid, sig); }
     // Exit status (0-255), 128+signal when killed, -1 on timeout.
     int WaitExit(int timeoutMs);
     // SIGTERM, then SIGKILL; the exit status.
@@ -50,7 +52,10 @@ public:
     // Standard output (from byte from on), or standard error.
     std::string Output(size_t from = 0, bool error = false) const;
     size_t OutputSize() const { return Output().size(); }
-    bool WaitForOutput(const std::string& text, int timeoutMs = 5000, size_t from = 0) const;
+    bool WaitForOutput(const std::string& text, int timeoutMs = 5000, size_t from = 0) const
+    {
+        return WaitUntil([&] { return Output(from).find(text) != std::string::npos; }, timeoutMs);
+    }
 
 private:
     pid_t m_Pid = -1;

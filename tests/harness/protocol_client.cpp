@@ -84,11 +84,6 @@ bool ProtocolClient::Await(structZorPlayMsg& out, int timeoutMs, int id, int cmd
     }
 }
 
-bool ProtocolClient::Request(const structZorPlayMsg& req, structZorPlayMsg& resp, int timeoutMs)
-{
-    return SendRaw(&req, sizeof(req)) && Await(resp, timeoutMs, req.nID, -1);
-}
-
 int ProtocolClient::Call(enumZorPlayType type, enumZorPlayCmd cmd, int index, const void* payload, size_t len,
                          int timeoutMs)
 {
@@ -96,9 +91,4 @@ int ProtocolClient::Call(enumZorPlayType type, enumZorPlayCmd cmd, int index, co
     if (payload)
         memcpy(&req.payload, payload, std::min(len, sizeof(req.payload)));
     return Request(req, resp, timeoutMs) ? static_cast<int>(resp.payload.eResult) : -1;
-}
-
-bool ProtocolClient::WaitUnrequested(structZorPlayMsg& out, int timeoutMs, int cmd)
-{
-    return Await(out, timeoutMs, -1, cmd);
 }

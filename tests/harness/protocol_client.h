@@ -24,12 +24,15 @@ public:
     bool SendRaw(const void* data, size_t len);
     // Sends req and waits for the response carrying its nID; unrequested
     // messages that arrive meanwhile are kept for WaitUnrequested.
-    bool Request(const structZorPlayMsg& req, structZorPlayMsg& resp, int timeoutMs = 10000);
+    bool Request(const structZorPlayMsg& req, structZorPlayMsg& resp, int timeoutMs = 10000)
+    {
+        return SendRaw(&req, sizeof(req)) && Await(resp, timeoutMs, req.nID, -1);
+    }
     // Builds, sends and waits: the response's result, or -1 when none came.
     int Call(enumZorPlayType type, enumZorPlayCmd cmd, int index, const void* payload = nullptr, size_t len = 0,
              int timeoutMs = 10000);
     // Next unrequested message (nReq 2), of one command only when cmd >= 0.
-    bool WaitUnrequested(structZorPlayMsg& out, int timeoutMs, int cmd = -1);
+    bool WaitUnrequested(structZorPlayMsg& out, int timeoutMs, int cmd = -1) { return Await(out, timeoutMs, -1, cmd); }
     // Next datagram of any kind, with its length; false on timeout.
     bool ReceiveAny(structZorPlayMsg& out, int timeoutMs, size_t* length = nullptr);
 

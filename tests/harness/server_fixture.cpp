@@ -1,6 +1,7 @@
 #include "harness/server_fixture.h"
 
 #include <cstring>
+#include <tuple>
 
 #include "app/info_files.h"
 #include "protocol/rp_server.h"
@@ -86,16 +87,13 @@ structZorPlayMsg ServerTest::Next(int cmd, int timeoutMs)
 {
     structZorPlayMsg m{};
     EXPECT_TRUE(m_Client.WaitUnrequested(m, timeoutMs, cmd)) << "no message came; output:\n" << m_Server.Output();
-    EXPECT_EQ(m.nVersion, 0u);
-    EXPECT_EQ(m.nLength, kZorPlayMsgSize);
-    EXPECT_EQ(m.nID, 0);
+    EXPECT_EQ(std::make_tuple(m.nVersion, m.nLength, m.nID), std::make_tuple(0u, kZorPlayMsgSize, 0)) << "header";
     return m;
 }
 
 structFileCompletion ServerTest::Completion(enumZorPlayType type, int slot)
 {
     const structZorPlayMsg m = Next(eCmdFileCompletion);
-    EXPECT_EQ(m.eType, type);
-    EXPECT_EQ(m.nIndex, slot);
+    EXPECT_EQ(std::make_tuple(m.eType, m.nIndex), std::make_tuple(type, slot)) << "the module";
     return m.payload.fileCompletion;
 }

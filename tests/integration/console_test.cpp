@@ -2,7 +2,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 #include <csignal>
 #include <cstring>
@@ -68,30 +67,26 @@ TEST_F(Console, EachCommandSendsItsRequestAndParseErrorsSendNothing)
         EXPECT_FALSE(Type(bad, m, 300)) << "'" << bad << "' sent something";
     EXPECT_TRUE(Printed(0, {"No valid command found.\r\n", "Too few parameters for command\r\n",
                             "Too many parameters for command\n", "First param not integer\r\n"}));
-    const struct {
-        const char* line;
-        enumZorPlayCmd cmd;
-        uint32_t type;
-        int index;
-        std::map<int, int32_t> words;
-        const char* name;
-    } cases[] = {
-        {"h", eCmdHello, 0, 0, {}, nullptr},
-        {"go,0;1", eCmdStart, 0, 1, {}, nullptr},
-        {"ami 0 2 2 1", eCmdCreate, 0, 2, {{0, 2}, {1, 0}}, nullptr}, // ports typed from 1
-        {"am 1 3 4", eCmdCreate, 1, 0, {{0, 3}, {1, 4}}, nullptr},
-        {"sk 1 0 -2", eCmdSkipInPlaylist, 1, 0, {{0, 1}, {1, -2}}, nullptr},
-        {"ska 1 0 5", eCmdSkipInPlaylist, 1, 0, {{0, 0}, {1, 5}}, nullptr},
-        {"se 1 4 30", eCmdSeek, 1, 4, {{1, 30}}, nullptr},
-        {"p 1 5", eCmdPause, 1, 5, {}, nullptr},
-        {"ff 1 6", eCmdFastForward, 1, 6, {}, nullptr},
-        {"rw 1 7", eCmdRewind, 1, 7, {}, nullptr},
-        {"q 0 1", eCmdStop, 0, 1, {}, nullptr},
-        {"dd 1 4", eCmdQueryStatus, 1, 4, {}, nullptr},
-        {"d 5 3", eCmdDelete, 1, 3, {}, nullptr},
-        {"da 0", eCmdDeleteAll, 0, 0, {}, nullptr},
-        {"ls", eCmdHello, 0, 1, {}, nullptr},
-        {"go a 1", eCmdStart, 0, 1, {}, nullptr}, // a number that does not parse goes out as 0
+    struct Case { // the header's command, type and index, payload words by index, the file name
+        const char* line; enumZorPlayCmd cmd; uint32_t type; int index;
+        std::map<int, int32_t> words; const char* name = nullptr; };
+    const Case cases[] = {
+        {"h", eCmdHello, 0, 0, {}},
+        {"go,0;1", eCmdStart, 0, 1, {}},
+        {"ami 0 2 2 1", eCmdCreate, 0, 2, {{0, 2}, {1, 0}}}, // ports typed from 1
+        {"am 1 3 4", eCmdCreate, 1, 0, {{0, 3}, {1, 4}}},
+        {"sk 1 0 -2", eCmdSkipInPlaylist, 1, 0, {{0, 1}, {1, -2}}},
+        {"ska 1 0 5", eCmdSkipInPlaylist, 1, 0, {{0, 0}, {1, 5}}},
+        {"se 1 4 30", eCmdSeek, 1, 4, {{1, 30}}},
+        {"p 1 5", eCmdPause, 1, 5, {}},
+        {"ff 1 6", eCmdFastForward, 1, 6, {}},
+        {"rw 1 7", eCmdRewind, 1, 7, {}},
+        {"q 0 1", eCmdStop, 0, 1, {}},
+        {"dd 1 4", eCmdQueryStatus, 1, 4, {}},
+        {"d 5 3", eCmdDelete, 1, 3, {}},
+        {"da 0", eCmdDeleteAll, 0, 0, {}},
+        {"ls", eCmdHello, 0, 1, {}},
+        {"go a 1", eCmdStart, 0, 1, {}}, // a number that does not parse goes out as 0
         // Record set-ups: secondary flag, seconds, then format, rate, word length and roll.
         {"sf 0 3 take1", eCmdSetupFile, 0, 3, {{0, 0}, {1, 10}, {770, 0}, {771, 0}, {772, 2}, {780, 0}}, "take1.wav"},
         {"rf 0 3 b.WAV", eCmdSetupFile, 0, 3, {{0, 1}, {1, 10}, {770, 0}, {771, 0}, {772, 0}, {780, 0}}, "b.WAV"},
@@ -153,9 +148,11 @@ TEST_F(Console, PrintsResponsesAndUnrequestedMessages)
 }
 
 // Against the real server: echo, the module and log tables, log toggles, and
-// end of input ending the whole process. A second -i keeps the console but
-// turns its log category off again.
-TEST_F(Console, AgainstTheRealServer)
+// end of input ending the whole process (a second -i keeps the console but
+// turns its log category off again). An interrupt ends the process while the
+// console waits for input; without its socket the console does not start and
+// shutdown still ends.
+TEST_F(Console, AgainstTheRealServerInputEndInterruptAndAMissingSocket)
 {
     StartConsole({"-e", "-i"}, false);
     // The module table comes from the server's thread and the log table from
@@ -171,12 +168,7 @@ TEST_F(Console, AgainstTheRealServer)
                             "\t 16 - 0 - MESSAGING\n\t 32 - 0 - PERFORMANCE\n\t 64 - 0 - INTERACTIVE\n\n"}));
     m_Server.CloseInput();
     EXPECT_EQ(m_Server.WaitExit(10000), 0) << m_Server.Output();
-}
 
-// An interrupt ends the process while the console waits for input; without
-// its socket the console does not start and shutdown still ends.
-TEST_F(Console, InterruptAndAMissingSocketEndCleanly)
-{
     StartConsole({}, false);
     ASSERT_TRUE(m_Server.WaitUntilIdle());
     m_Server.Signal(SIGINT);

@@ -5,22 +5,14 @@
 #include <cstdlib>
 #include <string>
 #include <unistd.h>
-#include <vector>
-
-#include <sndfile.h>
 
 #include "app/globals.h"
 #include "files/playfile.h"
-
-namespace {
+#include "harness/sound.h"
 
 constexpr unsigned kPeriod = 16;
 constexpr unsigned kFrames = 60000;  // more than enough for the steps below
 constexpr unsigned kSteps = kPlayBufferPeriods + 10;
-
-float Ramp(unsigned frame, unsigned ch) { return static_cast<float>(frame * 2 + ch) / 1048576.0f; }
-
-} // namespace
 
 TEST(WindStep, EveryStepIsOnePeriodWhereverTheBufferWraps)
 {
@@ -29,20 +21,12 @@ TEST(WindStep, EveryStepIsOnePeriodWhereverTheBufferWraps)
     char dir[] = "/tmp/zp_wind_XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
     const std::string path = std::string(dir) + "/ramp.wav";
-    SF_INFO sfi = {0, 48000, 2, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 0, 0};
-    SNDFILE* sf = sf_open(path.c_str(), SFM_WRITE, &sfi);
-    ASSERT_NE(sf, nullptr);
-    std::vector<float> data(2 * kFrames);
-    for (unsigned i = 0; i < data.size(); ++i)
-        data[i] = Ramp(i / 2, i % 2);
-    sf_writef_float(sf, data.data(), kFrames);
-    sf_close(sf);
+    ASSERT_TRUE(WriteRamp(path, 2, 0, kFrames));
 
     // The write position starts so that the free space's end falls on, one
     // frame after, in the middle of and one frame before a period boundary.
-    const unsigned offsets[] = {0, 1, kPeriod / 2, kPeriod - 1};
     for (const bool forward : {true, false}) {
-        for (const unsigned offset : offsets) {
+        for (const unsigned offset : {0u, 1u, kPeriod / 2, kPeriod - 1}) {
             SCOPED_TRACE((forward ? "forward, offset " : "rewind, offset ") + std::to_string(offset));
             CFastWindInfo wind;
             CPlayFile file(2, &wind);
@@ -66,8 +50,8 @@ TEST(WindStep, EveryStepIsOnePeriodWhereverTheBufferWraps)
                 for (unsigned f = 0; f < kPeriod; ++f) {
                     const float* frame = f < info.m_nFirstFrames ? info.m_pFirst + 2 * f
                                                                  : info.m_pSecond + 2 * (f - info.m_nFirstFrames);
-                    ASSERT_EQ(frame[0], Ramp(first + f, 0)) << "step " << k << ", frame " << f;
-                    ASSERT_EQ(frame[1], Ramp(first + f, 1)) << "step " << k << ", frame " << f;
+                    for (unsigned c = 0; c < 2; ++c)
+                        ASSERT_EQ(frame[c], Ramp(first + f, c)) << "step " << k << ", frame " << f;
                 }
                 buf->ReadAdvance(kPeriod);
             }

@@ -1,23 +1,26 @@
 // Ring buffer: full and empty at every cursor position, regions and raw memory
-// across the array end, silence and reset, and one producer and one consumer
-// on two threads.
+// across the array end, silence and reset, the callbacks' whole-period copies
+// at every cursor, and one producer and one consumer on two threads.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <random>
+#include <string>
 #include <thread>
+#include <tuple>
 
 #include "audio/zp_buffer.h"
 
 namespace {
 
-// The array start: the second write region always points there.
-float* Base(const CZPBuffer& buf)
+// The regions one side offers: the first one's start and frames, the second one's.
+using Regions = std::tuple<float*, unsigned, float*, unsigned>;
+Regions RegionsOf(const CZPBuffer& buf, bool write)
 {
     CBufInfo info;
-    buf.GetWriteInfo(info);
-    return info.m_pSecond;
+    write ? buf.GetWriteInfo(info) : buf.GetReadInfo(info);
+    return {info.m_pFirst, info.m_nFirstFrames, info.m_pSecond, info.m_nSecondFrames};
 }
 
 // One producer (write) or consumer step over a counting sequence (sample k
@@ -52,15 +55,6 @@ unsigned Move(CZPBuffer& buf, bool write, unsigned channels, uint32_t& seq, unsi
     return k1 + k2;
 }
 
-void ExpectRegions(const CBufInfo& info, const float* first, unsigned firstFrames, const float* second,
-                   unsigned secondFrames)
-{
-    EXPECT_EQ(info.m_pFirst, first);
-    EXPECT_EQ(info.m_nFirstFrames, firstFrames);
-    EXPECT_EQ(info.m_pSecond, second);
-    EXPECT_EQ(info.m_nSecondFrames, secondFrames);
-}
-
 } // namespace
 
 TEST(ZPBuffer, FullAndEmptyAreNeverConfusedAtAnyCursor)
@@ -72,13 +66,11 @@ TEST(ZPBuffer, FullAndEmptyAreNeverConfusedAtAnyCursor)
         for (unsigned start = 0; start < 2 * frames; ++start) {
             // A full buffer holds frames - 1 frames and offers no region to write into.
             EXPECT_EQ(Move(buf, true, 2, next, 100, start % 2 == 0, errors), frames - 1);
-            CBufInfo info;
-            buf.GetWriteInfo(info);
-            EXPECT_EQ(buf.GetWritableFrames() + info.m_nFirstFrames + info.m_nSecondFrames, 0u);
+            const Regions write = RegionsOf(buf, true);
+            EXPECT_EQ(buf.GetWritableFrames() + std::get<1>(write) + std::get<3>(write), 0u);
             EXPECT_EQ(Move(buf, false, 2, expected, 100, start % 3 == 0, errors), frames - 1);
-            buf.GetReadInfo(info);
             EXPECT_EQ(buf.GetReadableFrames(), 0u);
-            ExpectRegions(info, nullptr, 0, nullptr, 0);
+            EXPECT_EQ(RegionsOf(buf, false), Regions(nullptr, 0, nullptr, 0));
             Move(buf, true, 2, next, 1, true, errors); // the cursors one frame on
             Move(buf, false, 2, expected, 1, true, errors);
         }
@@ -97,27 +89,69 @@ TEST(ZPBuffer, FullAndEmptyAreNeverConfusedAtAnyCursor)
 TEST(ZPBuffer, RegionsRawMemoryAndSilenceAcrossTheWrap)
 {
     CZPBuffer buf(2, 10);
-    float* const base = Base(buf);
+    float* const base = std::get<2>(RegionsOf(buf, true)); // the second write region starts the array
     uint32_t next = 0, expected = 0;
     unsigned errors = 0;
     Move(buf, true, 2, next, 7, false, errors);
     Move(buf, false, 2, expected, 5, false, errors); // read cursor at frame 5, write at 7
-    CBufInfo info;
-    buf.GetWriteInfo(info);
-    ExpectRegions(info, base + 14, 3, base, 4);
+    EXPECT_EQ(RegionsOf(buf, true), Regions(base + 14, 3, base, 4));
     EXPECT_EQ(Move(buf, true, 2, next, 100, false, errors), 7u);
     EXPECT_EQ(std::vector<float>({base[14], base[19], base[0], base[7], base[8]}), std::vector<float>({14, 19, 20, 27, 8}));
-    buf.GetReadInfo(info);
-    ExpectRegions(info, base + 10, 5, base, 4);
+    EXPECT_EQ(RegionsOf(buf, false), Regions(base + 10, 5, base, 4));
     EXPECT_EQ(Move(buf, false, 2, expected, 100, false, errors), 9u);
     buf.StuffSilence(100); // frames 4 to 9, then 0 to 2
     EXPECT_EQ(buf.GetReadableFrames(), 9u);
     EXPECT_EQ(std::vector<float>({base[8], base[19], base[0], base[5], base[6]}), std::vector<float>({0, 0, 0, 0, 26}));
     EXPECT_EQ(errors, 0u);
     buf.Reset();
-    buf.GetWriteInfo(info);
-    ExpectRegions(info, base, 9, base, 0);
+    EXPECT_EQ(RegionsOf(buf, true), Regions(base, 9, base, 0));
     EXPECT_EQ(buf.GetReadableFrames(), 0u);
+}
+
+// The whole-period copies of the callbacks (interleaved in, de-interleaved
+// out behind a lead-in) across the wrap: every chunk size at every cursor
+// position, each checked against the sample-at-a-time calls on the other side.
+TEST(ZPBuffer, ChunksAtEveryCursorPositionKeepEverySampleInPlace)
+{
+    constexpr unsigned kCh = 3, kFrames = 7, kLead = 2; // at most 6 frames buffered
+    CZPBuffer buf(kCh, kFrames);
+    for (unsigned start = 0; start < kFrames; ++start) {
+        for (unsigned n = 1; n < kFrames; ++n) {
+            for (const bool regionsWrite : {true, false}) {
+                SCOPED_TRACE("cursor at " + std::to_string(start) + ", " + std::to_string(n) + " frames, " +
+                             (regionsWrite ? "WriteInterleaved" : "ReadDeinterleaved"));
+                buf.Reset();
+                buf.StuffSilence(start);
+                buf.ReadAdvance(start);
+                // The sequence from 1 on, so that no sample is silence: sample k
+                // is frame k / kCh of channel k % kCh.
+                uint32_t next = 1, expected = 1;
+                unsigned errors = 0;
+                float in[kCh][kFrames], out[kCh][kLead + kFrames] = {};
+                for (unsigned k = 0; k < n * kCh; ++k)
+                    in[k % kCh][k / kCh] = static_cast<float>(k + 1);
+                const float* src[kCh] = {in[0], in[1], in[2]};
+                float* dst[kCh] = {out[0], out[1], out[2]};
+                if (regionsWrite)
+                    buf.WriteInterleaved(src, n);
+                else
+                    Move(buf, true, kCh, next, n, true, errors);
+                ASSERT_EQ(buf.GetReadableFrames(), n);
+                if (regionsWrite)
+                    Move(buf, false, kCh, expected, n, true, errors);
+                else
+                    buf.ReadDeinterleaved(dst, kLead, n);
+                EXPECT_EQ(buf.GetReadableFrames(), 0u);
+                EXPECT_EQ(errors, 0u);
+                for (unsigned c = 0; c < kCh && !regionsWrite; ++c) {
+                    EXPECT_EQ(out[c][kLead - 1], 0.0f) << "the lead-in is left alone";
+                    EXPECT_EQ(out[c][kLead + n], 0.0f) << "nothing past the frames asked for";
+                    for (unsigned f = 0; f < n; ++f)
+                        ASSERT_EQ(out[c][kLead + f], in[c][f]) << "frame " << f << ", channel " << c;
+                }
+            }
+        }
+    }
 }
 
 // One producer and one consumer thread move a long counting sequence through
