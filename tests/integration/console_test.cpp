@@ -101,14 +101,12 @@ TEST_F(Console, EachCommandSendsItsRequestAndParseErrorsSendNothing)
         structZorPlayMsg want;
         InitRequest(want, id++, static_cast<enumZorPlayType>(c.type), c.cmd, c.index);
         EXPECT_EQ(memcmp(&m, &want, 28), 0) << "header";
-        const char* payload = reinterpret_cast<const char*>(&m.payload);
-        for (const auto& w : c.words) {
-            int32_t word;
-            memcpy(&word, payload + 4 * w.first, sizeof(word));
-            EXPECT_EQ(word, w.second) << "payload word " << w.first;
-        }
+        int32_t words[sizeof(m.payload) / 4];
+        memcpy(words, &m.payload, sizeof(words));
+        for (const auto& w : c.words)
+            EXPECT_EQ(words[w.first], w.second) << "payload word " << w.first;
         if (c.name) {
-            EXPECT_STREQ(payload + (c.cmd == eCmdSetupFile ? 8 : 4), c.name);
+            EXPECT_STREQ(reinterpret_cast<const char*>(&m.payload) + (c.cmd == eCmdSetupFile ? 8 : 4), c.name);
         }
     }
     EXPECT_TRUE(m_Server.WaitForOutput("Parameters not both integer\r\n"));
