@@ -4,8 +4,8 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
-#include <csignal>
 #include <cstring>
+#include <regex>
 
 #include "harness/server_fixture.h"
 #include "protocol/rp_server.h"
@@ -23,14 +23,6 @@ int RunOnce(ChildProcess& proc, const std::vector<std::string>& args, std::vecto
     return proc.Start(argv, {"JACK_NO_START_SERVER=1"}) ? proc.WaitExit(20000) : -2;
 }
 
-size_t Count(const std::string& text, const std::string& what)
-{
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size()))
-        ++n;
-    return n;
-}
-
 } // namespace
 
 TEST(CommandLine, VersionAndHelpExitAtOnceAfterTheOptionsBeforeThem)
@@ -42,9 +34,7 @@ TEST(CommandLine, VersionAndHelpExitAtOnceAfterTheOptionsBeforeThem)
         return proc.Output();
     };
     const std::string out = output({"-x", "", "-lm", "-v", "-bogus"});
-    EXPECT_EQ(out.rfind("zor_play V2.02, built ", 0), 0u) << out;
-    EXPECT_NE(out.find("\r\nJACK version: "), std::string::npos) << out;
-    EXPECT_EQ(Count(out, "\r\n"), 2u) << out;
+    EXPECT_TRUE(std::regex_match(out, std::regex("zor_play V2\\.02, built [^\r\n]+\r\nJACK version: [^\r\n]+\r\n"))) << out;
     EXPECT_EQ(proc.Output(0, true), "zor_play: unrecognized option '-x', ignoring\n");
     for (const char* alias : {"--version", "-vq"})
         EXPECT_EQ(output({alias}).rfind("zor_play V2.02, built ", 0), 0u) << alias;
@@ -81,8 +71,9 @@ using Server = ServerTest;
 
 // A response is the request with nReq 1 and the result alone as payload (the request fuzzer sends datagrams of every
 // size). The header checks in their order, each with its code and line; type and index are checked for every command,
-// even those that ignore them; commands only the server sends and codes past the table answer 6.
-TEST_F(Server, ResponsesAndTheHeaderChecksInTheirOrder)
+// even those that ignore them; commands only the server sends and codes past the table answer 6. Then the info files,
+// Exit, a leftover socket file, an interrupt, and a socket path that cannot be bound.
+TEST_F(Server, ResponsesHeaderChecksAndShutdown)
 {
     structZorPlayMsg req = m_Client.MakeRequest(eZorPlayPlayer, eCmdHello, 2), resp, expected;
     memset(req.payload.raw, 0x5A, sizeof(req.payload.raw));
@@ -109,53 +100,36 @@ TEST_F(Server, ResponsesAndTheHeaderChecksInTheirOrder)
               "Message fails validation: Unsupported protocol version\r\n"
               "Got msg size 100, expecting size 3236\r\nMessage fails validation: Message length incorrect\r\n"
               "Message fails validation: Server message was not a request\r\n");
+    const std::string badType = "Message fails validation: Message not for player or recorder\r\n";
+    const std::string badIndex = "Message fails validation: Module index out of bounds\r\n";
     for (enumZorPlayCmd cmd : {eCmdHello, eCmdExit, eCmdDeleteAll, eCmdCreate}) {
-        EXPECT_EQ(Cmd(static_cast<enumZorPlayType>(2), cmd, 0), eResultBadType) << cmd;
+        EXPECT_TRUE(Prints([&] { return Cmd(static_cast<enumZorPlayType>(2), cmd, 0); }, eResultBadType, badType)) << cmd;
         for (int index : {8, -1})
-            EXPECT_EQ(Cmd(eZorPlayPlayer, cmd, index), eResultBadIndex) << cmd << " " << index;
+            EXPECT_TRUE(Prints([&] { return Cmd(eZorPlayPlayer, cmd, index); }, eResultBadIndex, badIndex)) << cmd;
     }
-    for (uint32_t cmd : {9u, 10u, 18u, 1000u})
-        EXPECT_EQ(Cmd(eZorPlayPlayer, static_cast<enumZorPlayCmd>(cmd), 0), eResultUnknownCommand) << cmd;
-    const auto logged = [&] {
-        const std::string out = m_Server.Output();
-        return Count(out, "Message fails validation: Message not for player or recorder\r\n") == 4 &&
-               Count(out, "Message fails validation: Module index out of bounds\r\n") == 8 &&
-               Count(out, "Unhandled command\r\n") == 4;
-    };
-    EXPECT_TRUE(WaitUntil(logged, 5000)) << m_Server.Output();
-    EXPECT_FALSE(m_Client.WaitUnrequested(resp, 300)) << "an unrequested message";
-    EXPECT_EQ(Cmd(eZorPlayPlayer, eCmdHello, 0), eResultSuccess) << "the refused Exit did not stop the server";
+    for (uint32_t n : {9u, 10u, 18u, 1000u}) {
+        const auto cmd = static_cast<enumZorPlayCmd>(n);
+        EXPECT_TRUE(Prints([&] { return Cmd(eZorPlayPlayer, cmd, 0); }, eResultUnknownCommand, "Unhandled command\r\n"));
+    }
 
     // Answers go to the client path only; with nobody there the send fails and serving goes on.
-    const char* otherPath = "/tmp/zp_test_other_client";
+    const std::string otherPath = Path("other_client");
     const int other = socket(AF_UNIX, SOCK_DGRAM, 0);
-    const sockaddr_un addr = UnixAddress(otherPath), server = UnixAddress(kServerSocketPath);
-    unlink(otherPath); // left by an earlier run in the same /tmp
+    const sockaddr_un addr = UnixAddress(otherPath.c_str()), server = UnixAddress(kServerSocketPath);
     ASSERT_EQ(bind(other, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)), 0);
     ASSERT_EQ(connect(other, reinterpret_cast<const sockaddr*>(&server), sizeof(server)), 0);
-    req = m_Client.MakeRequest(eZorPlayRecorder, eCmdHello, 0);
-    ASSERT_EQ(send(other, &req, sizeof(req), 0), static_cast<ssize_t>(sizeof(req)));
-    ASSERT_TRUE(m_Client.ReceiveAny(resp, 10000));
-    EXPECT_TRUE(resp.nID == req.nID && resp.nReq == eReqResponse) << resp.nID << " " << resp.nReq;
-    char buf[16];
-    EXPECT_EQ(recv(other, buf, sizeof(buf), MSG_DONTWAIT), -1) << "the sender's own path hears nothing";
-
+    ASSERT_EQ(send(other, &hello, sizeof(hello), 0), static_cast<ssize_t>(sizeof(hello)));
+    ASSERT_TRUE(m_Client.ReceiveAny(resp, 10000)) << "the refused Exit did not stop the server";
+    EXPECT_TRUE(resp.nID == hello.nID && resp.nReq == eReqResponse) << resp.nID << " " << resp.nReq;
+    EXPECT_EQ(recv(other, nullptr, 0, MSG_DONTWAIT), -1) << "the sender's own path hears nothing";
     m_Client.Close();
-    ASSERT_EQ(send(other, &req, sizeof(req), 0), static_cast<ssize_t>(sizeof(req)));
+    ASSERT_EQ(send(other, &hello, sizeof(hello), 0), static_cast<ssize_t>(sizeof(hello)));
     close(other);
-    unlink(otherPath);
     EXPECT_TRUE(m_Server.WaitForOutput("SendResponse send() failed: No such file or directory\r\n"));
     ASSERT_TRUE(m_Client.Open());
-    EXPECT_EQ(Cmd(eZorPlayPlayer, eCmdHello, 0), eResultSuccess);
-}
 
-// Info files, Exit, a leftover socket file, an interrupt, and a socket path that cannot be bound.
-TEST_F(Server, ExitAndInterruptShutDownCleanly)
-{
     EXPECT_EQ(ReadFile(kPidFile), std::to_string(m_Server.Pid())) << "the pid file holds the bare process id";
-    EXPECT_EQ(ReadFile(kVersionFile), "2.02");
-    // Where the queue limit cannot be raised, the one in force covers every module.
-    const std::string err = m_Server.Output(0, true);
+    const std::string err = m_Server.Output(0, true); // where the queue limit cannot be raised, the one in force is used
     EXPECT_TRUE(err.find("setrlimit() failed") == std::string::npos ||
                 err.find("\nzor_play: going on with the current message queue limit") != std::string::npos) << err;
     EXPECT_EQ(Cmd(eZorPlayRecorder, eCmdExit, 0), eResultSuccess) << "Exit is answered before the process ends";
@@ -166,12 +140,9 @@ TEST_F(Server, ExitAndInterruptShutDownCleanly)
 
     WriteFile(kServerSocketPath, "stale"); // replaced at start-up
     StartServer(ServerArgs());
-    ASSERT_TRUE(m_Server.WaitUntilIdle());
-    m_Server.Signal(SIGINT);
-    EXPECT_EQ(m_Server.WaitExit(10000), 0);
+    EXPECT_EQ(m_Server.Stop(), 0) << "an interrupt at the main loop's wait";
     EXPECT_TRUE(Printed(0, {"Select returned -1: Interrupted system call\r\nErrno indicates interrupt -\r\nEXITING!\r\n"}));
     EXPECT_EQ(m_Server.Output().find("Signal Received"), std::string::npos) << "only logged in the creation category";
-    EXPECT_FALSE(FileExists(kPidFile));
 
     // A directory is not removed by unlink: the bind fails, status 1.
     ASSERT_EQ(mkdir(kServerSocketPath, 0700), 0);
