@@ -21,17 +21,15 @@ protected:
 
 } // namespace
 
-// Every slot of both kinds; argument checks in their order with their lines;
-// deletes of one, of all of a kind and of an empty slot; commands a module
-// refuses in its state or kind; the displays of a module and an empty slot.
-TEST_F(Modules, SlotsArgumentsAndStatesAreCheckedWithTheirLines)
+// Every slot of both kinds; argument checks in their order with their lines; deletes of one, of all of a kind and of
+// an empty slot; commands a module refuses in its state or kind; the displays of a module and an empty slot.
+TEST_F(Modules, SlotsArgumentsStatesAndCyclesWithoutLeftovers)
 {
     const struct { int slot, channels, offset, result; const char* line; } cases[] = {
         {4, 0, -1, eResultBadChannels, "Channels param 0 < 1\r\n"},
         {4, 9, -1, eResultBadOffset, "Offset param -1 < 0\r\n"},
         {4, 9, 0, eResultBadChannels, "Channels param 9 > 8\r\n"},
         {4, 1, 9, eResultBadOffset, "Offset param 9 > 8\r\n"},
-        {8, 1, 0, eResultBadIndex, "Message fails validation: Module index out of bounds\r\n"},
     };
     for (const auto& c : cases)
         for (enumZorPlayType type : {kRec, kPlay})
@@ -67,28 +65,20 @@ TEST_F(Modules, SlotsArgumentsAndStatesAreCheckedWithTheirLines)
                        "Jack Details: Rate 48000, buffer sz 1024\r\nPort Progress 0 of 0\r\n"));
     EXPECT_TRUE(Prints([&] { return Cmd(kPlay, eCmdQueryStatus, 4); }, eResultSuccess,
                        "\r\n***** Slot 4 Debug Info *****\r\nSlot 4 is empty.\r\n*****************************\r\n\r\n"));
-}
 
-// Many create/delete cycles, and creations that fail at their last step (the
-// connection) or at a queue, leave no thread, descriptor, client or queue;
-// Exit with modules of both kinds ends cleanly (an interrupt: every test's end).
-TEST_F(Modules, CyclesAndFailedCreationsLeaveNothingBehind)
-{
-    // Threads and descriptors of the server.
+    // Many create/delete cycles beside those two, and creations that fail at their last step (the connection) or at a
+    // queue, leave no thread, descriptor, client or queue (libjack's own came with the two).
     const auto resources = [&] {
         const std::string proc = "/proc/" + std::to_string(m_Server.Pid());
         return std::vector<int>{CountEntries(proc + "/task"), CountEntries(proc + "/fd")};
     };
-    ASSERT_EQ(Create(kRec, 7, 1, 0), eResultSuccess); // libjack's own threads and descriptors in the baseline
     const std::vector<int> before = resources();
     for (int i = 0; i < 200; ++i) {
         const enumZorPlayType type = i % 2 ? kPlay : kRec;
-        const size_t mark = m_Server.OutputSize();
-        ASSERT_EQ(Create(type, i % 7, 2, i % 7) + Cmd(type, eCmdDelete, i % 7), eResultSuccess)
-            << "cycle " << i << ":\n" << m_Server.Output(mark);
+        ASSERT_EQ(Create(type, 1 + i % 7, 2, i % 7) + Cmd(type, eCmdDelete, 1 + i % 7), eResultSuccess) << "cycle " << i;
     }
     for (int i = 0; i < 10; ++i) // offset 8 passes the checks and fails at the connection
-        ASSERT_EQ(Create(i % 2 ? kPlay : kRec, i % 7, 1, 8), eResultNoConnect) << "attempt " << i;
+        ASSERT_EQ(Create(i % 2 ? kPlay : kRec, 1 + i % 7, 1, 8), eResultNoConnect) << "attempt " << i;
     // A queue depth limit below 200 fails at the internal queue, with two queues open already.
     const std::string saved = ReadFile("/proc/sys/fs/mqueue/msg_max");
     WriteFile("/proc/sys/fs/mqueue/msg_max", "10");
@@ -98,26 +88,20 @@ TEST_F(Modules, CyclesAndFailedCreationsLeaveNothingBehind)
     WriteFile("/proc/sys/fs/mqueue/msg_max", saved);
     EXPECT_TRUE(WaitUntil([&] { return resources() == before; }, 5000))
         << resources()[0] << " threads, " << resources()[1] << " descriptors";
-    // The queues are unlinked as soon as they are open: while Recorder007
-    // lives and answers, none of its names is in the system either.
-    EXPECT_EQ(Cmd(kRec, eCmdStop, 7), eResultNotRunning);
+    // Queues are unlinked once open: while Recorder000 lives and answers, none of its names is in the system either.
+    EXPECT_EQ(Cmd(kRec, eCmdStop, 0), eResultNotRunning);
     if (CountEntries("/dev/mqueue") < 0 && mkdir("/dev/mqueue", 0755) == 0)
         mount("none", "/dev/mqueue", "mqueue", 0, nullptr);
     Names queues;
     ASSERT_GE(CountEntries("/dev/mqueue", &queues), 0);
     for (const std::string& q : queues)
         EXPECT_EQ(q.find("MQ"), std::string::npos) << "queue left in the system: " << q;
-
-    ASSERT_EQ(Create(kRec, 1, 8, 0) + Create(kPlay, 1, 2, 1) + Create(kPlay, 6, 2, 6), eResultSuccess);
-    EXPECT_EQ(Cmd(kRec, eCmdExit, 0), eResultSuccess);
-    EXPECT_EQ(m_Server.WaitExit(20000), 0) << m_Server.Output();
 }
 
-// Each kind counts the system ports of its own direction: runs from an
-// offset, overlapping runs, runs past the end; a deleted module's client is
-// gone by the answer. No JACK server: creation answers 14 until one is up.
-// Without system ports modules are refused, unless -nc. A port table too small
-// for a module: the ports it registered go with its client.
+// Each kind counts the system ports of its own direction: runs from an offset, overlapping runs, runs past the end;
+// a deleted module's client is gone by the answer. No JACK server: creation answers 14 until one is up. Without
+// system ports modules are refused, unless -nc. A port table too small for a module: its registered ports go with
+// its client.
 TEST_F(Modules, JackServersOfEveryShape)
 {
     const char portCount[] = "Port number exceeds available JACK ports. Reduce num channels or first port number (offset).\n";
@@ -141,7 +125,6 @@ TEST_F(Modules, JackServersOfEveryShape)
     ASSERT_EQ(Cmd(kPlay, eCmdDelete, 0) + Create(kPlay, 0, 1, 3), eResultSuccess);
     EXPECT_EQ(JackPorts(m_Jack.Name(), "^Player000"), Names{"Player000:output1"});
     EXPECT_EQ(connections("Player000:output1"), Names{playback[3]});
-    EXPECT_EQ(connections(playback[1]), Names{});
 
     // No JACK server at first, then one without system ports.
     const std::string name = JackServer::UniqueName();
