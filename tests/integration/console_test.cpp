@@ -3,7 +3,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
-#include <csignal>
 #include <cstring>
 #include <map>
 
@@ -15,10 +14,10 @@ namespace {
 class Console : public ServerTest {
 protected:
     Console() { m_bStartServer = false; }
-    void StartConsole(const std::vector<std::string>& extraArgs = {}, bool steal = true)
+    ~Console() override { close(m_nStolen); }
+    void StartConsole(std::vector<std::string> args = {}, bool steal = true)
     {
-        std::vector<std::string> args{"-i", "-s"};
-        args.insert(args.end(), extraArgs.begin(), extraArgs.end());
+        args.insert(args.begin(), {"-i", "-s"});
         m_Client.Close(); // the console binds the client path
         ASSERT_TRUE(m_Server.Start(args, JackName(), true));
         ASSERT_TRUE(m_Server.WaitForOutput("x - halt everything and exit\r\n\r\n> ", 10000)) << m_Server.Output();
@@ -45,12 +44,6 @@ protected:
         sendto(m_nStolen, &msg, sizeof(msg), 0, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr));
         EXPECT_TRUE(m_Server.WaitForOutput(text)) << m_Server.Output();
     }
-    void TearDown() override
-    {
-        close(m_nStolen);
-        ServerTest::TearDown();
-    }
-
     int m_nStolen = -1;
 };
 
@@ -58,8 +51,9 @@ protected:
 
 // Each command line sends its request (header fields, payload words by index
 // and the file name where there is one); parse errors send nothing, print
-// their line and use no request id; end of input sends Exit.
-TEST_F(Console, EachCommandSendsItsRequestAndParseErrorsSendNothing)
+// their line and use no request id. Responses and unrequested messages are
+// printed as they come; end of input sends Exit.
+TEST_F(Console, CommandsSendRequestsAndMessagesArePrinted)
 {
     StartConsole();
     structZorPlayMsg m;
@@ -110,21 +104,11 @@ TEST_F(Console, EachCommandSendsItsRequestAndParseErrorsSendNothing)
         }
     }
     EXPECT_TRUE(m_Server.WaitForOutput("Parameters not both integer\r\n"));
-    ASSERT_TRUE(Type(nullptr, m));
-    EXPECT_EQ(m.eCmd, eCmdExit);
-    EXPECT_EQ(m.nID, id);
-}
 
-// Responses and unrequested messages are printed as they come.
-TEST_F(Console, PrintsResponsesAndUnrequestedMessages)
-{
-    StartConsole();
-    structZorPlayMsg m;
-    ASSERT_TRUE(Type("go 0 1", m));
-    m.nReq = eReqResponse;
+    m.nReq = eReqResponse; // to the last request
     memset(&m.payload, 0, sizeof(m.payload));
     m.payload.eResult = eResultNoFile;
-    ExpectPrinted(m, "Response to id:0, status: 11-Module has no file\r\n");
+    ExpectPrinted(m, "Response to id:" + std::to_string(id - 1) + ", status: 11-Module has no file\r\n");
     InitUnrequested(m, eZorPlayPlayer, eCmdFileProgress, 2);
     m.payload.fileProgress = {4, 5, 15, 20, 37, 1, 9, 22, 3};
     ExpectPrinted(m, "Player[2]: Running progress->#####               <- idx[03] (5/20) Buffer  37%, Runs 1, u's: 22,9\r\n");
@@ -132,24 +116,22 @@ TEST_F(Console, PrintsResponsesAndUnrequestedMessages)
     m.payload.fileProgress = {6, 3, 0, 0, 100, 0, 0, 0, 0};
     ExpectPrinted(m, "Recorder[1]: Draining progress->                    <- (3/0) Buffer 100%, Runs 0, u's: 0,0\r\n");
     InitUnrequested(m, eZorPlayPlayer, eCmdFileCompletion, 0);
-    structFileCompletion& done = m.payload.fileCompletion;
-    strcpy(done.szFilename, "a.wav");
-    strcpy(done.szNewFilename, "b.wav");
-    done.nLength = 12, done.bRolled = 1, done.nXRuns = 2, done.nIndex = 4, done.nNewIndex = 5;
+    m.payload.fileCompletion = {"a.wav", 12, 1, "b.wav", 2, 4, 5};
     ExpectPrinted(m, "Player[0] File Complete: a.wav, [04]\r\n\tLength: 12 Sec\r\n\tXRuns: 2\r\n"
                      "\tRolled to new file: b.wav[05]\r\n");
     InitUnrequested(m, eZorPlayRecorder, eCmdFileCompletion, 3);
-    strcpy(done.szFilename, "r.wav");
+    m.payload.fileCompletion = {"r.wav", 0, 0, "", 0, 0, 0};
     ExpectPrinted(m, "Recorder[3] File Complete: r.wav\r\n\tLength: 0 Sec\r\n\tXRuns: 0\r\n\tDid not roll on completion.\r\n");
     InitRequest(m, 77, eZorPlayRecorder, eCmdStop, 0);
     ExpectPrinted(m, "Client got 3236 byte UD message, ID=77, cmd=5, req=0 \r\n");
+    ASSERT_TRUE(Type(nullptr, m));
+    EXPECT_EQ(m.eCmd, eCmdExit);
+    EXPECT_EQ(m.nID, id);
 }
 
-// Against the real server: echo, the module and log tables, log toggles, and
-// end of input ending the whole process (a second -i keeps the console but
-// turns its log category off again). An interrupt ends the process while the
-// console waits for input; without its socket the console does not start and
-// shutdown still ends.
+// Against the real server: echo, the module and log tables, log toggles, end
+// of input ending the process (a second -i turns the console's log category off
+// again), an interrupt at the input wait, and no console without its socket.
 TEST_F(Console, AgainstTheRealServerInputEndInterruptAndAMissingSocket)
 {
     StartConsole({"-e", "-i"}, false);
@@ -158,8 +140,7 @@ TEST_F(Console, AgainstTheRealServerInputEndInterruptAndAMissingSocket)
     ASSERT_TRUE(m_Server.WriteInput("h\nls\n"));
     ASSERT_TRUE(m_Server.WaitForOutput("Response to id:1, status: 0-Operation successful\r\n", 10000));
     ASSERT_TRUE(m_Server.WriteInput("tl 8\ntl 8\nsl\n"));
-    EXPECT_TRUE(Printed(0, {"> h\n", "Response to id:0, status: 0-Operation successful\r\n",
-                            "Recorders:\r\n\t[0]: is empty.\r\n", "Enabled logging for category 8 \r\n",
+    EXPECT_TRUE(Printed(0, {"> h\n", "Recorders:\r\n\t[0]: is empty.\r\n", "Enabled logging for category 8 \r\n",
                             "Disabled logging for category 8 \r\n",
                             "          Category\n          |   Enabled\n          |   |   Name\n"
                             "\t  1 - 0 - JACK\n\t  2 - 0 - CREATION\n\t  4 - 0 - RUNTIME\n\t  8 - 0 - FILE\n"
@@ -168,9 +149,7 @@ TEST_F(Console, AgainstTheRealServerInputEndInterruptAndAMissingSocket)
     EXPECT_EQ(m_Server.WaitExit(10000), 0) << m_Server.Output();
 
     StartConsole({}, false);
-    ASSERT_TRUE(m_Server.WaitUntilIdle());
-    m_Server.Signal(SIGINT);
-    EXPECT_EQ(m_Server.WaitExit(10000), 0) << m_Server.Output();
+    EXPECT_EQ(m_Server.Stop(), 0) << m_Server.Output(); // an interrupt at the input wait
     EXPECT_FALSE(FileExists(kClientSocketPath)) << "the console removes its socket file";
 
     ASSERT_EQ(mkdir(kClientSocketPath, 0700), 0) << "a directory where the console binds";
