@@ -1,7 +1,5 @@
-// A JACK client in the test process. Its inputs record what reaches them,
-// every period from activation on, into memory touched before activation;
-// its outputs play a signal the test chooses. The frame count is published
-// after the samples (release): the test may read any frame below Frames().
+// A JACK client in the test process: inputs record every period into memory touched
+// before activation, outputs play the test's signal; Frames() follows the samples.
 #pragma once
 
 #include <jack/jack.h>
@@ -18,16 +16,13 @@ public:
     using Signal = float (*)(uint32_t n, unsigned c, uint32_t param);
 
     ~TestJackClient();
-    // Client "name" with inputs in1..in<inputs> (room for capacity frames)
-    // and outputs out1..out<outputs>.
+    // Client "name" with in1..in<inputs> (room for capacity frames), out1..out<outputs>.
     bool Open(const std::string& server, const std::string& name, unsigned inputs, size_t capacity,
               unsigned outputs = 0);
-    // Connects <source>1.. (e.g. "Player000:output") to our inputs in order,
-    // or our first outputs to <target>1.. (e.g. "Recorder000:input").
+    // Connects <source>1.. ("Player000:output") to our inputs, or our outputs to <target>1...
     bool ConnectFrom(const std::string& source) { return Connect(source, "in", Channels(), true); }
     bool ConnectTo(const std::string& target, unsigned channels) { return Connect(target, "out", channels, false); }
-    // Plays signal from the next period on; switch between takes only (a
-    // period may mix the old signal and the new word).
+    // Plays signal from the next period on (switch between takes: a period may mix old and new).
     void Play(Signal signal, uint32_t param) { m_nParam = param, m_Signal = signal; }
 
     unsigned Channels() const { return static_cast<unsigned>(m_Data.size()); }
@@ -51,8 +46,7 @@ private:
     std::atomic<uint32_t> m_nParam{0};
 };
 
-// Full names of the ports matching a pattern, in server order, or of the
-// ports connected to one port; asked through a client opened for the query
-// (one kept open while modules come and go by the hundred can hang libjack).
+// Full names of the ports matching a pattern, or connected to one port, asked
+// through a client of their own (one kept open while modules churn can hang libjack).
 std::vector<std::string> JackPorts(const std::string& server, const std::string& pattern, unsigned long flags = 0);
 std::vector<std::string> JackConnections(const std::string& server, const std::string& port);

@@ -15,8 +15,6 @@
 extern char** environ;
 namespace fs = std::filesystem;
 
-bool FileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
-
 std::string ReadFile(const std::string& path)
 {
     std::stringstream ss;
@@ -78,12 +76,6 @@ bool ChildProcess::Start(const std::vector<std::string>& argv, const std::vector
     return m_Pid > 0;
 }
 
-bool ChildProcess::WriteInput(const std::string& text)
-{
-    signal(SIGPIPE, SIG_IGN); // a child that has gone shows as a failed write
-    return write(m_nInputFD, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-}
-
 int ChildProcess::WaitExit(int timeoutMs)
 {
     int status = 0;
@@ -98,10 +90,8 @@ int ChildProcess::WaitExit(int timeoutMs)
 int ChildProcess::Terminate(int timeoutMs)
 {
     Signal(SIGTERM);
-    if (WaitExit(timeoutMs) < 0 && m_Pid > 0) {
-        Signal(SIGKILL);
-        WaitExit(10000);
-    }
+    if (WaitExit(timeoutMs) < 0 && m_Pid > 0)
+        Signal(SIGKILL), WaitExit(10000);
     return m_nStatus;
 }
 
@@ -141,12 +131,11 @@ std::string ZorPlayProcess::BinaryPath()
     return fs::read_symlink("/proc/self/exe", ec).parent_path().parent_path() / "zor_play";
 }
 
-bool ZorPlayProcess::Start(const std::vector<std::string>& args, const std::string& jackName, bool pipeInput)
+bool ZorPlayProcess::Start(std::vector<std::string> args, const std::string& jackName, bool pipeInput)
 {
-    std::vector<std::string> argv{BinaryPath()};
-    argv.insert(argv.end(), args.begin(), args.end());
+    args.insert(args.begin(), BinaryPath());
     // JACK_NO_START_SERVER: libjack must not start a server of its own.
-    return ChildProcess::Start(argv, {"JACK_DEFAULT_SERVER=" + jackName, "JACK_NO_START_SERVER=1"}, pipeInput);
+    return ChildProcess::Start(args, {"JACK_DEFAULT_SERVER=" + jackName, "JACK_NO_START_SERVER=1"}, pipeInput);
 }
 
 bool ZorPlayProcess::WaitUntilIdle(int timeoutMs) const
@@ -158,9 +147,7 @@ bool ZorPlayProcess::WaitUntilIdle(int timeoutMs) const
 
 int ZorPlayProcess::Stop(int timeoutMs)
 {
-    // An interrupt ends the main loop only while it waits; one that lands
-    // while a request is served is logged and the loop goes on. So interrupt
-    // at the wait, and again should it have been busy after all.
+    // An interrupt ends the main loop only at its wait (else it is logged): retry there.
     int status = WaitExit(0);
     for (int waited = 0; waited < timeoutMs && status < 0; waited += 1000) {
         WaitUntilIdle(1000);

@@ -1,5 +1,4 @@
-// Child processes for the integration tests, a private jackd with the dummy
-// backend and zor_play, their output captured in memory files.
+// Child processes (a private dummy jackd, zor_play), their output kept in memory files.
 #pragma once
 
 #include <sys/types.h>
@@ -14,15 +13,13 @@
 template <typename Cond>
 bool WaitUntil(Cond cond, int timeoutMs)
 {
-    for (int waited = 0; !cond(); waited += 10) {
+    for (int waited = 0; !cond(); waited += 10, usleep(10000))
         if (waited >= timeoutMs)
             return false;
-        usleep(10000);
-    }
     return true;
 }
 
-bool FileExists(const std::string& path);
+inline bool FileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& text);
 // Entries of a folder (e.g. /proc/<pid>/fd); -1 when it cannot be read.
@@ -35,11 +32,14 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    // argv[0] is the program path; env entries ("NAME=value") are added to
-    // ours. Standard input is /dev/null unless pipeInput (see WriteInput).
+    // argv[0] is the program path, env ("NAME=value") adds to ours; standard input is /dev/null unless pipeInput.
     bool Start(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
                bool pipeInput = false);
-    bool WriteInput(const std::string& text);
+    bool WriteInput(const std::string& text) // a child that has gone shows as a failed write
+    {
+        signal(SIGPIPE, SIG_IGN);
+        return write(m_nInputFD, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    }
     void CloseInput() { close(std::exchange(m_nInputFD, -1)); }
     bool Running() const { return m_Pid > 0; }
     pid_t Pid() const { return m_Pid; }
@@ -84,10 +84,9 @@ private:
 class ZorPlayProcess : public ChildProcess {
 public:
     static std::string BinaryPath();
-    bool Start(const std::vector<std::string>& args, const std::string& jackName, bool pipeInput = false);
+    bool Start(std::vector<std::string> args, const std::string& jackName, bool pipeInput = false);
     // True once the main thread sleeps in its wait (read from /proc).
     bool WaitUntilIdle(int timeoutMs = 5000) const;
-    // SIGINT at the main loop's wait; the exit status (-1, and killed, when
-    // it does not exit).
+    // SIGINT at the main loop's wait; the exit status (-1, and killed, when it stays).
     int Stop(int timeoutMs = 10000);
 };

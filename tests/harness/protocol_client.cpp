@@ -36,13 +36,6 @@ void ProtocolClient::Close()
     m_Unrequested.clear();
 }
 
-structZorPlayMsg ProtocolClient::MakeRequest(enumZorPlayType type, enumZorPlayCmd cmd, int index)
-{
-    structZorPlayMsg msg;
-    InitRequest(msg, m_nNextID++, type, cmd, index);
-    return msg;
-}
-
 bool ProtocolClient::SendRaw(const void* data, size_t len)
 {
     const sockaddr_un addr = UnixAddress(kServerSocketPath);

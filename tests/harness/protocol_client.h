@@ -1,6 +1,4 @@
-// A client of the control socket: binds the fixed client path, sends
-// requests to the server path, and reads responses and unrequested messages
-// with a deadline.
+// A control-socket client at the fixed client path, reading with deadlines.
 #pragma once
 
 #include <sys/un.h>
@@ -19,11 +17,15 @@ public:
     void Close();
 
     // A zero-filled request with the next request id.
-    structZorPlayMsg MakeRequest(enumZorPlayType type, enumZorPlayCmd cmd, int index);
+    structZorPlayMsg MakeRequest(enumZorPlayType type, enumZorPlayCmd cmd, int index)
+    {
+        structZorPlayMsg msg;
+        InitRequest(msg, m_nNextID++, type, cmd, index);
+        return msg;
+    }
     // Sends any bytes as one datagram to the server path.
     bool SendRaw(const void* data, size_t len);
-    // Sends req and waits for the response carrying its nID; unrequested
-    // messages that arrive meanwhile are kept for WaitUnrequested.
+    // Sends req and waits for the response with its nID, keeping unrequested messages.
     bool Request(const structZorPlayMsg& req, structZorPlayMsg& resp, int timeoutMs = 10000)
     {
         return SendRaw(&req, sizeof(req)) && Await(resp, timeoutMs, req.nID, -1);
@@ -37,8 +39,7 @@ public:
     bool ReceiveAny(structZorPlayMsg& out, int timeoutMs, size_t* length = nullptr);
 
 private:
-    // Receives until a response with nID id (unrequested message of command
-    // cmd when id < 0) is in out; other unrequested ones are kept.
+    // Receives until out is the response with nID id (id < 0: unrequested, of command cmd).
     bool Await(structZorPlayMsg& out, int timeoutMs, int id, int cmd);
 
     int m_nFD = -1;

@@ -8,12 +8,6 @@
 
 std::unique_ptr<JackServer> ServerTest::s_pJack;
 
-void ServerTest::SetUpTestSuite()
-{
-    s_pJack = std::make_unique<JackServer>();
-    ASSERT_TRUE(s_pJack->Start()) << "could not start a dummy jackd";
-}
-
 void ServerTest::SetUp()
 {
     char dir[] = "/tmp/zp_test_XXXXXX";
@@ -26,27 +20,21 @@ void ServerTest::SetUp()
 
 void ServerTest::TearDown()
 {
-    if (m_Server.Running()) {
-        EXPECT_EQ(m_Server.Stop(), 0) << "zor_play did not stop cleanly; output:\n" << m_Server.Output();
-    }
+    EXPECT_TRUE(!m_Server.Running() || m_Server.Stop() == 0) << "zor_play did not stop cleanly:\n" << m_Server.Output();
     // A sanitizer's report on the server, which may have run on after it.
     EXPECT_EQ(m_Server.Output(0, true).find("Sanitizer"), std::string::npos) << m_Server.Output(0, true);
     m_Client.Close();
-    if (!m_Dir.empty()) {
-        EXPECT_EQ(system(("rm -rf " + m_Dir).c_str()), 0);
-    }
+    EXPECT_TRUE(m_Dir.empty() || system(("rm -rf " + m_Dir).c_str()) == 0);
 }
 
 void ServerTest::StartServer(const std::vector<std::string>& args, const std::string& jackName)
 {
     ASSERT_TRUE(m_Server.Start(args, !jackName.empty() ? jackName : s_pJack ? s_pJack->Name() : "zp_none"));
     // The socket file may be a leftover until the server rebinds it: wait for an answer.
-    const bool up = WaitUntil(
-        [&] {
-            return m_Server.Running() && FileExists(kServerSocketPath) &&
-                   m_Client.Call(eZorPlayRecorder, eCmdHello, 0, nullptr, 0, 200) == eResultSuccess;
-        },
-        15000);
+    const bool up = WaitUntil([&] {
+        return m_Server.Running() && FileExists(kServerSocketPath) &&
+               m_Client.Call(eZorPlayRecorder, eCmdHello, 0, nullptr, 0, 200) == eResultSuccess;
+    }, 15000);
     ASSERT_TRUE(up) << "zor_play did not answer; output:\n" << m_Server.Output() << m_Server.Output(0, true);
 }
 

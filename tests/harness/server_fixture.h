@@ -1,5 +1,4 @@
-// The fixture of the integration tests: one dummy jackd per suite, and per
-// test a zor_play against it, a bound protocol client and a folder of its own.
+// One dummy jackd per suite; per test a zor_play, a protocol client and a folder.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,15 +14,18 @@
 
 class ServerTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite();
+    static void SetUpTestSuite()
+    {
+        s_pJack = std::make_unique<JackServer>();
+        ASSERT_TRUE(s_pJack->Start()) << "could not start a dummy jackd";
+    }
     static void TearDownTestSuite() { s_pJack.reset(); }
     void SetUp() override;
     void TearDown() override;
     // Options for the server each test starts.
     virtual std::vector<std::string> ServerArgs() { return {}; }
 
-    // Starts the server (against the suite's JACK server unless one is named)
-    // and waits until it answers a Hello.
+    // Starts the server (on the suite's JACK server unless named); waits for a Hello answer.
     void StartServer(const std::vector<std::string>& args, const std::string& jackName = "");
     std::string Path(const std::string& name) const { return m_Dir + "/" + name; }
     const std::string& JackName() const { return s_pJack->Name(); }
@@ -46,8 +48,7 @@ protected:
 
     // The server printed each line after output position mark.
     ::testing::AssertionResult Printed(size_t mark, const std::vector<std::string>& lines);
-    // request() (which returns its answer) answers expected, and the server
-    // prints text while serving it.
+    // request() returns expected, and the server prints text while serving it.
     template <typename Request>
     ::testing::AssertionResult Prints(Request request, int expected, const std::string& text)
     {
@@ -57,8 +58,7 @@ protected:
             return ::testing::AssertionFailure() << "answer " << answer << ", expected " << expected;
         return Printed(mark, {text});
     }
-    // The next unrequested message of a command (any when cmd < 0), its
-    // header checked.
+    // The next unrequested message of a command (any when cmd < 0), header checked.
     structZorPlayMsg Next(int cmd = -1, int timeoutMs = 20000);
     // The next completion, from the module given.
     structFileCompletion Completion(enumZorPlayType type, int slot);

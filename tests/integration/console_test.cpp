@@ -24,8 +24,7 @@ protected:
         ASSERT_TRUE(WaitUntil([] { return FileExists(kServerSocketPath) && FileExists(kClientSocketPath); }, 5000));
         if (!steal)
             return;
-        // Takes the server's socket path over, so that what the console sends
-        // arrives here; answers go back to the console's own client path.
+        // Takes the server's path over: requests come here, answers go to the console's path.
         unlink(kServerSocketPath);
         m_nStolen = socket(AF_UNIX, SOCK_DGRAM, 0);
         const sockaddr_un addr = UnixAddress(kServerSocketPath);
@@ -49,10 +48,9 @@ protected:
 
 } // namespace
 
-// Each command line sends its request (header fields, payload words by index
-// and the file name where there is one); parse errors send nothing, print
-// their line and use no request id. Responses and unrequested messages are
-// printed as they come; end of input sends Exit.
+// Each command line sends its request (header, payload words, any file name);
+// parse errors send nothing, print their line and use no request id. Messages
+// that come are printed; end of input sends Exit.
 TEST_F(Console, CommandsSendRequestsAndMessagesArePrinted)
 {
     StartConsole();
