@@ -15,7 +15,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // Bytes of sample data a WAV header claims (-1 with no data chunk) and those on disk.
-struct WavSize { long claimed = -1, onDisk = 0; };
+struct WavSize { long long claimed = -1, onDisk = 0; };
 
 WavSize ReadWavSize(const std::string& path)
 {
@@ -25,7 +25,7 @@ WavSize ReadWavSize(const std::string& path)
     if (at == std::string::npos || at + 8 > file.size())
         return {};
     memcpy(&size, file.data() + at + 4, 4);
-    return {size, static_cast<long>(file.size() - at - 8)};
+    return {size, static_cast<long long>(file.size() - at - 8)};
 }
 
 class Faults : public ServerTest {

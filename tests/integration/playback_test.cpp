@@ -303,7 +303,7 @@ TEST_F(Playback, PlaylistsPlayGaplesslySkipAndAnswerEveryFailureWithItsLines)
     EXPECT_TRUE(SilentFor(kPeriod));
     const size_t end = cap.Frames();
     const std::vector<Stretch> runs = ExpectRuns({{0, played, 7001 + 50011 + 6007 + 9001 + 5003}, {0, replaced},
-                                                  {lens[0] + lens[1] + lens[2], replayed, lens[3]}, {2 * len, skip1},
+                                                  {static_cast<long>(lens[0] + lens[1] + lens[2]), replayed, lens[3]}, {2 * len, skip1},
                                                   {0, skip2}, {0, pause}, {3 * len, end, 3u * len}});
     EXPECT_TRUE(!runs.empty() && runs[0].len == runs[0].lastAt + 1 - runs[0].at) << "silence inside the playlist";
 
